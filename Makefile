@@ -1,0 +1,40 @@
+# make demo: install what is missing, build, run the demo on the embedded default.
+# make test: install what is missing, build, run every test (unit, integration, export
+#            list, tool, and a short fuzz run under address and undefined sanitizers).
+PRESET ?= default
+FUZZ_SECONDS ?= 60
+
+.PHONY: all deps configure build demo test test-sanitizers fuzz bench clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+configure: deps
+	cmake --preset $(PRESET) >/dev/null
+
+build: configure
+	cmake --build --preset $(PRESET)
+
+demo: build
+	scripts/demo build/$(PRESET)
+
+test: build fuzz
+	ctest --preset $(PRESET) -j2
+
+# The same suites under address+undefined and thread sanitizers.
+test-sanitizers: deps
+	$(MAKE) PRESET=asan build && ctest --preset asan -j2
+	$(MAKE) PRESET=tsan build && ctest --preset tsan -j2
+
+fuzz: deps
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz
+	scripts/run-fuzz build/fuzz $(FUZZ_SECONDS)
+
+bench: build
+	scripts/run-bench build/$(PRESET)
+
+clean:
+	rm -rf build

@@ -1,0 +1,22 @@
+# Writes a C table of every message descriptor declared in the generated headers, so the
+# library can find a record kind by its full name.
+# Inputs: HEADERS (list of .pb-c.h files), OUTPUT (the .c file to write).
+set(includes "")
+set(entries "")
+foreach(header IN LISTS HEADERS)
+  get_filename_component(name "${header}" NAME)
+  string(APPEND includes "#include \"${name}\"\n")
+  file(STRINGS "${header}" lines REGEX "^extern const ProtobufCMessageDescriptor [a-z0-9_]+__descriptor;")
+  foreach(line IN LISTS lines)
+    string(REGEX REPLACE "^extern const ProtobufCMessageDescriptor ([a-z0-9_]+)__descriptor;.*" "\\1" sym "${line}")
+    string(APPEND entries "    &${sym}__descriptor,\n")
+  endforeach()
+endforeach()
+set(text "/* Generated at build time from the record schema; do not edit. */\n${includes}\n#include <stddef.h>\n\nconst ProtobufCMessageDescriptor *const pmx_proto_messages[] = {\n${entries}};\nconst size_t pmx_proto_message_count = sizeof pmx_proto_messages / sizeof pmx_proto_messages[0];\n")
+if(EXISTS "${OUTPUT}")
+  file(READ "${OUTPUT}" old)
+  if(old STREQUAL text)
+    return()
+  endif()
+endif()
+file(WRITE "${OUTPUT}" "${text}")

@@ -1,0 +1,42 @@
+#!/usr/bin/env python3
+"""Prints a Google Benchmark JSON result as a table of ratios against each case's reference.
+
+A case named BM_X<Impl>/N is compared with BM_X<Ref>/N, where Ref is the first implementation
+listed for BM_X in the run (the benchmarks list their reference first). Cases without template
+arguments are printed with their rate only."""
+import json
+import re
+import sys
+
+PATTERN = re.compile(r"^(?P<bm>[^<]+)<(?P<impl>[^>]+)>/(?P<arg>\d+)$")
+
+
+def main(path):
+    with open(path) as f:
+        data = json.load(f)
+    rows, refs, plain = [], {}, []
+    for b in data["benchmarks"]:
+        if b.get("run_type") == "aggregate":
+            continue
+        m = PATTERN.match(b["name"])
+        if not m:
+            plain.append(b)
+            continue
+        key = (m["bm"], m["arg"])
+        refs.setdefault(key, (m["impl"], b["cpu_time"]))
+        rows.append((m["bm"], int(m["arg"]), m["impl"], b["cpu_time"], b["time_unit"]))
+    print(f"== {path.rsplit('/', 1)[-1]} ({data['context'].get('num_cpus')} cpus)")
+    for bm, arg, impl, cpu, unit in rows:
+        ref_impl, ref_cpu = refs[(bm, str(arg))]
+        ratio = cpu / ref_cpu if ref_cpu else float("nan")
+        note = "reference" if impl == ref_impl else f"{ratio:5.2f}x {ref_impl}"
+        print(f"{bm:<18} {impl:<14} {arg:>7} {cpu:10.2f} {unit}  {note}")
+    for b in plain:
+        rate = {k: v for k, v in b.items() if k.endswith("/s") or k == "items_per_second"}
+        extra = " ".join(f"{k}={v:,.0f}" for k, v in rate.items())
+        print(f"{b['name']:<48} {b['cpu_time']:10.2f} {b['time_unit']}  {extra}")
+
+
+if __name__ == "__main__":
+    for p in sys.argv[1:]:
+        main(p)

@@ -1,0 +1,66 @@
+// Test helper: records what the library logged, through the platform's capture hook.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "libpmx_dbg.h"
+#include "qv_zlog.h"
+
+struct LoggedLine {
+    int level;
+    std::string func;
+    std::string text;
+};
+
+// While alive: the log category is open, the level is `level`, and every line is kept.
+class LogCapture {
+public:
+    explicit LogCapture(int level = 5) : saved_level_(g_libpmx_zlog_level), saved_cat_(g_libpmx_zlog_category)
+    {
+        g_libpmx_zlog_category = qv_zlog_init("libpmx");
+        g_libpmx_zlog_level = level;
+        qv_zlog_set_capture(&LogCapture::hook, this);
+    }
+    ~LogCapture()
+    {
+        qv_zlog_set_capture(nullptr, nullptr);
+        g_libpmx_zlog_level = saved_level_;
+        g_libpmx_zlog_category = saved_cat_;
+    }
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+
+    std::vector<LoggedLine> lines() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+    void clear()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.clear();
+    }
+    // True when a line with exactly this level and text was logged.
+    bool has(int level, const std::string &text) const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto &l : lines_)
+            if (l.level == level && l.text == text) return true;
+        return false;
+    }
+
+private:
+    static void hook(int level, const char *func, const char *text, void *arg)
+    {
+        auto *self = static_cast<LogCapture *>(arg);
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        self->lines_.push_back({level, func ? func : "", text ? text : ""});
+    }
+
+    mutable std::mutex mutex_;
+    std::vector<LoggedLine> lines_;
+    int32_t saved_level_;
+    struct qv_zlog_category *saved_cat_;
+};

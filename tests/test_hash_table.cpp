@@ -1,0 +1,325 @@
+// The keyed cache template on its own: hashing, growth, tombstones, probing, walks, memory failure.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "libpmx_hash_table.hpp"
+
+namespace {
+
+struct Rec {
+    uint32_t key;
+    uint32_t payload;
+};
+
+struct RecTraits : pmx::LeadingKey<Rec, 4>, pmx::RefreshWhole<Rec> {
+    static constexpr const char *name = "test_rec";
+    static int compare(const Rec *a, const Rec *b) { return pmx::cmp_unsigned(a->key, b->key); }
+};
+
+// Fails every allocation once `budget` reaches 0 (negative: never fails); counts allocations.
+struct TestAlloc {
+    static inline int budget = -1;
+    static inline int allocs = 0;
+    static bool take()
+    {
+        ++allocs;
+        if (budget == 0) return false;
+        if (budget > 0) --budget;
+        return true;
+    }
+    static void *alloc(size_t n) { return take() ? std::malloc(n) : nullptr; }
+    static void *resize(void *p, size_t n) { return take() ? std::realloc(p, n) : nullptr; }
+    static void release(void *p) { std::free(p); }
+};
+
+using Table = pmx::KeyedTable<RecTraits, pmx::Lookup2Hash, TestAlloc>;
+
+class HashTable : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        TestAlloc::budget = -1;
+        TestAlloc::allocs = 0;
+        h = Table::new_header();
+    }
+    void TearDown() override
+    {
+        TestAlloc::budget = -1;
+        for (uint32_t i = 0; i < h->n_buckets; ++i)
+            if (live(i)) std::free(h->keys[i]);
+        std::free(h->keys);
+        std::free(h->flags);
+        std::free(h);
+    }
+    bool live(uint32_t i) const { return ((h->flags[i >> 4] >> ((i & 15) << 1)) & 3) == 0; }
+    Rec *add(uint32_t key, uint32_t payload = 0)
+    {
+        Rec r{key, payload}, *out = nullptr;
+        return Table(h).cache_create(&out, &r);
+    }
+    Rec *find(uint32_t key) { return Table(h).find(&key); }
+    int remove(uint32_t key)
+    {
+        Rec *r = find(key);
+        int rc = Table(h).remove(&key);
+        std::free(r);
+        return rc;
+    }
+    // Bucket index of a key in the current table (its first probe position).
+    uint32_t home(uint32_t key) const { return pmx::lookup2(&key, 4, 0) & (h->n_buckets - 1); }
+
+    libpmx_hash_t *h = nullptr;
+};
+
+int count_visit(void *, void *arg)
+{
+    ++*static_cast<int *>(arg);
+    return 0;
+}
+
+} // namespace
+
+TEST(Lookup2, KnownValuesAndByteOrder)
+{
+    const uint8_t zeros[4] = {0, 0, 0, 0};
+    EXPECT_EQ(pmx::lookup2(zeros, 4, 0), 0x8965bbe9u);
+    // Keys are read byte by byte, little-endian, so the host's byte order does not matter.
+    const uint8_t le[4] = {0x78, 0x56, 0x34, 0x12};
+    const uint8_t be[4] = {0x12, 0x34, 0x56, 0x78};
+    EXPECT_NE(pmx::lookup2(le, 4, 0), pmx::lookup2(be, 4, 0));
+    // The length takes part: 12 zero bytes (one full block) hash differently from 4.
+    const uint8_t twelve[12] = {};
+    EXPECT_NE(pmx::lookup2(twelve, 12, 0), pmx::lookup2(twelve, 4, 0));
+    EXPECT_NE(pmx::lookup2(zeros, 4, 1), pmx::lookup2(zeros, 4, 0));
+}
+
+TEST_F(HashTable, EmptyTableAnswersWithoutBuckets)
+{
+    uint32_t key = 7;
+    EXPECT_EQ(Table(h).find(&key), nullptr);
+    EXPECT_EQ(Table(h).find(nullptr), nullptr);
+    EXPECT_EQ(Table(h).remove(&key), LIBPMX_E_NOT_FOUND);
+    EXPECT_EQ(h->n_buckets, 0u);
+    EXPECT_EQ(h->flags, nullptr);
+    EXPECT_EQ(h->vals, nullptr);
+    int visits = 0;
+    EXPECT_EQ(Table(h).traverse(&count_visit, &visits), 0);
+    EXPECT_EQ(visits, 0);
+}
+
+TEST_F(HashTable, GrowthSequenceAndThresholds)
+{
+    // (insert number that grows the table, buckets after it, threshold after it)
+    const std::vector<std::tuple<uint32_t, uint32_t, uint32_t>> steps = {
+        {1, 4, 3}, {4, 8, 6}, {7, 16, 12}, {13, 32, 25}, {26, 64, 49}, {50, 128, 99}};
+    size_t next = 0;
+    uint32_t buckets = 0;
+    for (uint32_t n = 1; n <= 60; ++n) {
+        add(n * 7919);
+        if (h->n_buckets != buckets) {
+            ASSERT_LT(next, steps.size()) << "unexpected growth at insert " << n;
+            EXPECT_EQ(n, std::get<0>(steps[next]));
+            EXPECT_EQ(h->n_buckets, std::get<1>(steps[next]));
+            EXPECT_EQ(h->upper_bound, std::get<2>(steps[next]));
+            buckets = h->n_buckets;
+            ++next;
+        }
+        EXPECT_EQ(h->size, n);
+        EXPECT_EQ(h->n_occupied, n);
+    }
+    EXPECT_EQ(next, steps.size());
+    for (uint32_t n = 1; n <= 60; ++n) ASSERT_NE(find(n * 7919), nullptr) << n;
+}
+
+TEST_F(HashTable, DuplicateKeyKeepsFirstRecord)
+{
+    Rec *first = add(42, 1);
+    Rec dup{42, 2};
+    EXPECT_EQ(Table(h).insert(&dup), 0);
+    EXPECT_EQ(find(42), first);
+    EXPECT_EQ(h->size, 1u);
+    // Through cache_create the cached record is refreshed instead.
+    EXPECT_EQ(add(42, 3), first);
+    EXPECT_EQ(first->payload, 3u);
+    EXPECT_EQ(h->size, 1u);
+}
+
+TEST_F(HashTable, TombstonesAreSkippedByProbesAndReusedFirst)
+{
+    ASSERT_TRUE(Table(h).rehash(16));
+    ASSERT_EQ(h->n_buckets, 16u);
+    // Three keys sharing one home bucket: the second and third probe past the first.
+    std::vector<uint32_t> chain;
+    uint32_t target = 16;
+    for (uint32_t k = 1000; chain.size() < 3; ++k) {
+        if (target == 16) target = home(k);
+        if (home(k) == target) chain.push_back(k);
+    }
+    for (uint32_t k : chain) add(k);
+    ASSERT_EQ(h->n_buckets, 16u);
+    const uint32_t occupied = h->n_occupied;
+    uint32_t first_bucket = 16;
+    for (uint32_t i = 0; i < 16; ++i)
+        if (live(i) && static_cast<Rec *>(h->keys[i])->key == chain[0]) first_bucket = i;
+    ASSERT_EQ(first_bucket, target);
+
+    // The first two of the chain go: the third is still found across both tombstones.
+    EXPECT_EQ(remove(chain[0]), 0);
+    EXPECT_EQ(remove(chain[1]), 0);
+    EXPECT_EQ(h->n_occupied, occupied);
+    EXPECT_EQ(find(chain[0]), nullptr);
+    EXPECT_EQ(find(chain[1]), nullptr);
+    EXPECT_NE(find(chain[2]), nullptr);
+    EXPECT_EQ(remove(chain[0]), LIBPMX_E_NOT_FOUND);
+
+    // A new key with the same home takes the first tombstone; n_occupied does not move.
+    uint32_t again = chain[2] + 1;
+    while (home(again) != target) ++again;
+    add(again);
+    EXPECT_TRUE(live(target));
+    EXPECT_EQ(static_cast<Rec *>(h->keys[target])->key, again);
+    EXPECT_EQ(h->n_occupied, occupied);
+}
+
+TEST_F(HashTable, ManyRemovesRehashInPlaceWithoutGrowing)
+{
+    for (uint32_t k = 1; k <= 40; ++k) add(k); // 64 buckets, threshold 49
+    ASSERT_EQ(h->n_buckets, 64u);
+    for (uint32_t k = 1; k <= 36; ++k) ASSERT_EQ(remove(k), 0);
+    ASSERT_EQ(h->size, 4u);
+    // Fill with new keys until the occupied count reaches the threshold while few are live.
+    uint32_t k = 100;
+    while (h->n_occupied < h->upper_bound) {
+        add(k++);
+        ASSERT_EQ(h->n_buckets, 64u);
+        if (h->size > 10) { // keep live entries few
+            ASSERT_EQ(remove(k - 1), 0);
+        }
+    }
+    const uint32_t live_before = h->size;
+    ASSERT_GT(h->n_buckets, 2 * live_before);
+    add(5000);
+    EXPECT_EQ(h->n_buckets, 64u) << "tombstones must be reclaimed without growing";
+    EXPECT_EQ(h->size, live_before + 1);
+    EXPECT_EQ(h->n_occupied, h->size);
+    for (uint32_t key = 37; key <= 40; ++key) EXPECT_NE(find(key), nullptr);
+    EXPECT_NE(find(5000), nullptr);
+}
+
+TEST_F(HashTable, RandomOperationsAgreeWithAMap)
+{
+    std::mt19937 rng(12345);
+    std::map<uint32_t, uint32_t> model;
+    for (int op = 0; op < 20000; ++op) {
+        const uint32_t key = rng() % 3000;
+        if (rng() % 3 == 0) {
+            const bool present = model.erase(key) > 0;
+            EXPECT_EQ(remove(key), present ? 0 : LIBPMX_E_NOT_FOUND);
+        } else {
+            add(key, static_cast<uint32_t>(op));
+            model[key] = static_cast<uint32_t>(op);
+        }
+    }
+    EXPECT_EQ(h->size, model.size());
+    EXPECT_LE(h->n_occupied, h->upper_bound);
+    for (uint32_t key = 0; key < 3000; ++key) {
+        Rec *r = find(key);
+        auto it = model.find(key);
+        ASSERT_EQ(r != nullptr, it != model.end()) << key;
+        if (r) {
+            EXPECT_EQ(r->payload, it->second);
+        }
+    }
+}
+
+TEST_F(HashTable, TraverseRangesAndEarlyStop)
+{
+    for (uint32_t k = 1; k <= 10; ++k) add(k);
+    const uint32_t n = h->n_buckets;
+    int visits = 0;
+    EXPECT_EQ(Table(h).traverse_range(&count_visit, n, 10, &visits), 0);
+    EXPECT_EQ(Table(h).traverse_range(&count_visit, 0, 0, &visits), 0);
+    EXPECT_EQ(visits, 0);
+
+    // Pages of buckets cover every entry once; the last page is clipped at the end.
+    int paged = 0;
+    for (uint32_t start = 0; start < n; start += 5) Table(h).traverse_range(&count_visit, start, 5, &paged);
+    EXPECT_EQ(paged, 10);
+    int tail = 0;
+    Table(h).traverse_range(&count_visit, n - 3, 0xFFFFFFFFu, &tail);
+    int expect_tail = 0;
+    for (uint32_t i = n - 3; i < n; ++i) expect_tail += live(i);
+    EXPECT_EQ(tail, expect_tail);
+
+    // An op that answers non-zero on the third entry stops the walk there.
+    struct Stop {
+        int seen = 0;
+        static int op(void *, void *arg)
+        {
+            auto *s = static_cast<Stop *>(arg);
+            return ++s->seen == 3 ? 77 : 0;
+        }
+    } stop;
+    EXPECT_EQ(Table(h).traverse(&Stop::op, &stop), 77);
+    EXPECT_EQ(stop.seen, 3);
+}
+
+TEST_F(HashTable, SortedWalkOrderAllocationAndFallback)
+{
+    std::vector<uint32_t> seen;
+    auto collect = [](void *rec, void *arg) {
+        static_cast<std::vector<uint32_t> *>(arg)->push_back(static_cast<Rec *>(rec)->key);
+        return 0;
+    };
+    // 0 and 1 entries: no array is allocated.
+    TestAlloc::allocs = 0;
+    EXPECT_EQ(Table(h).walk(collect, &seen, true), 0);
+    add(0xFFFFFFFFu);
+    TestAlloc::allocs = 0;
+    EXPECT_EQ(Table(h).walk(collect, &seen, true), 0);
+    EXPECT_EQ(TestAlloc::allocs, 0);
+
+    for (uint32_t k : {5u, 0x80000000u, 1u, 300u}) add(k);
+    seen.clear();
+    EXPECT_EQ(Table(h).walk(collect, &seen, true), 0);
+    EXPECT_EQ(seen, (std::vector<uint32_t>{1u, 5u, 300u, 0x80000000u, 0xFFFFFFFFu}));
+
+    // Without memory for the array: the message on standard output and bucket order.
+    seen.clear();
+    TestAlloc::budget = 0;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(Table(h).walk(collect, &seen, true), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "test_rec failed to create qsort hash array.\n");
+    TestAlloc::budget = -1;
+    std::vector<uint32_t> bucket_order;
+    Table(h).walk(collect, &bucket_order, false);
+    EXPECT_EQ(seen, bucket_order);
+}
+
+TEST_F(HashTable, OutOfMemoryDuringRehashInsertsNothing)
+{
+    for (uint32_t k = 1; k <= 3; ++k) add(k); // 4 buckets, full at the threshold
+    ASSERT_EQ(h->n_buckets, 4u);
+    // The record is allocated, the rehash then fails: the record comes back but is not cached.
+    TestAlloc::budget = 1;
+    Rec r{99, 0}, *out = nullptr;
+    Rec *got = Table(h).cache_create(&out, &r);
+    ASSERT_NE(got, nullptr);
+    EXPECT_EQ(out, got);
+    EXPECT_EQ(find(99), nullptr);
+    EXPECT_EQ(h->n_buckets, 4u);
+    EXPECT_EQ(h->size, 3u);
+    std::free(got);
+    // No memory for the record at all: null in both places.
+    TestAlloc::budget = 0;
+    out = &r;
+    EXPECT_EQ(Table(h).cache_create(&out, &r), nullptr);
+    EXPECT_EQ(out, nullptr);
+    TestAlloc::budget = -1;
+    for (uint32_t k = 1; k <= 3; ++k) EXPECT_NE(find(k), nullptr);
+}
