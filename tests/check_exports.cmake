@@ -7,7 +7,7 @@ endif()
 string(REPLACE "\n" ";" lines "${out}")
 set(actual "")
 foreach(line IN LISTS lines)
-  string(REGEX MATCH "^[^ ]+" sym "${line}")
+  string(REGEX MATCH "^[^ @]+" sym "${line}")
   # Version nodes are not symbols of the library.
   if(sym AND NOT sym MATCHES "^LIBPMX_[0-9]+$")
     list(APPEND actual "${sym}")
