@@ -17,14 +17,12 @@ using pmx::LeadingKey;
 using pmx::RefreshNone;
 using pmx::RefreshWhole;
 
-// ---- family traits: key, refresh rule, sort order, name ----
+// ---- family traits: key, refresh rule, and the order of the sorted walk where there is one ----
 
 struct InvalidModid : LeadingKey<libpmx_invalid_modid_t, 4>, RefreshNone<libpmx_invalid_modid_t> {
-    static constexpr const char *name = "libpmx_invalid_modid";
 };
 
 struct LocalCardPortReady : LeadingKey<libpmx_local_card_port_ready_t, 4> {
-    static constexpr const char *name = "libpmx_local_card_port_ready";
     static void refresh(Rec *c, const Rec *o)
     {
         constexpr const char *fn = "libpmx_local_card_port_ready_cache_create";
@@ -81,7 +79,6 @@ struct SubcardTypeId : LeadingKey<libpmx_subcard_type_id_t, 4>,
 };
 
 struct GlobalSport : LeadingKey<libpmx_global_sport_t, 8> {
-    static constexpr const char *name = "libpmx_global_sport";
     static void refresh(Rec *c, const Rec *o)
     {
         c->sslot = o->sslot;
@@ -92,7 +89,6 @@ struct GlobalSport : LeadingKey<libpmx_global_sport_t, 8> {
 };
 
 struct Sysport : LeadingKey<libpmx_sysport_t, 4> {
-    static constexpr const char *name = "libpmx_sysport";
     static void refresh(Rec *c, const Rec *o)
     {
         c->phyid = o->phyid;
@@ -103,7 +99,6 @@ struct Sysport : LeadingKey<libpmx_sysport_t, 4> {
 
 // An entry is created once per type; its hook list starts empty, pointing at itself.
 struct NotifyHook : LeadingKey<libpmx_notify_hook_t, 4> {
-    static constexpr const char *name = "libpmx_notify_hook";
     static void refresh(Rec *c, const Rec *o)
     {
         PMX_LOG_AS("libpmx_notify_hook_cache_create", LIBPMX_ZLOG_ERROR, "something error :%d %d",
@@ -127,7 +122,6 @@ struct CardInfo : LeadingKey<libpmx_card_info_t, 12>, RefreshWhole<libpmx_card_i
 };
 
 struct CardTypePoe : LeadingKey<libpmx_card_type_poe_t, 4>, RefreshWhole<libpmx_card_type_poe_t> {
-    static constexpr const char *name = "libpmx_card_type_poe";
 };
 
 struct SubApInfo : LeadingKey<libpmx_sub_ap_info_t, 4>, RefreshWhole<libpmx_sub_ap_info_t> {
@@ -142,15 +136,12 @@ struct SubRouteInfo : LeadingKey<libpmx_sub_route_info_t, 4>,
 };
 
 struct PortCache : LeadingKey<libpmx_port_cache_t, 8>, RefreshWhole<libpmx_port_cache_t> {
-    static constexpr const char *name = "libpmx_port_cache";
 };
 
 struct PhyK2v : LeadingKey<libpmx_phy_k2v_t, 4>, RefreshWhole<libpmx_phy_k2v_t> {
-    static constexpr const char *name = "libpmx_phy_k2v";
 };
 
 struct PortK2v : LeadingKey<libpmx_port_k2v_t, 8>, RefreshWhole<libpmx_port_k2v_t> {
-    static constexpr const char *name = "libpmx_port_k2v";
 };
 
 // ---- the process-wide tables, created by libpmx_hash_init ----

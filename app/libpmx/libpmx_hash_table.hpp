@@ -9,8 +9,8 @@
 //   static bool key_equal(const Rec *cached, const void *key);
 //   static void refresh(Rec *cached, const Rec *offered);    create() on a cached key
 //   static void copy_new(Rec *fresh, const Rec *offered);    create() of a new record
-//   static int compare(const Rec *, const Rec *);    optional: order of the sorted walk
-//   static constexpr const char *name;               instance name, for the sorted walk's message
+//   static int compare(const Rec *, const Rec *);    optional: order of the sorted walk, with
+//   static constexpr const char *name;               the name its out-of-memory message prints
 // LeadingKey and the refresh policies below give the common cases.
 #ifndef LIBPMX_HASH_TABLE_HPP
 #define LIBPMX_HASH_TABLE_HPP

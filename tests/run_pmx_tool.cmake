@@ -1,0 +1,38 @@
+# Runs the pmx tool once and checks its exit status and output.
+#   TOOL            the pmx executable
+#   ARGS            its arguments, separated by '|'
+#   STDIN           file fed to standard input (optional)
+#   EXPECT_FAIL     ON: the tool must exit non-zero; otherwise it must exit 0
+#   EXPECT_STDOUT   file that standard output must equal exactly (optional)
+#   STDOUT_REGEX    regex that standard output must match (optional)
+#   STDERR_REGEX    regex that standard error must match (optional)
+string(REPLACE "|" ";" args "${ARGS}")
+set(input_args "")
+if(STDIN)
+  set(input_args INPUT_FILE "${STDIN}")
+endif()
+execute_process(COMMAND "${TOOL}" ${args} ${input_args}
+  RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+
+set(problems "")
+if(EXPECT_FAIL AND rc EQUAL 0)
+  string(APPEND problems "exit status 0, expected a failure\n")
+elseif(NOT EXPECT_FAIL AND NOT rc EQUAL 0)
+  string(APPEND problems "exit status ${rc}, expected 0\n")
+endif()
+if(EXPECT_STDOUT)
+  file(READ "${EXPECT_STDOUT}" expected)
+  if(NOT out STREQUAL expected)
+    string(APPEND problems "standard output differs from ${EXPECT_STDOUT}\n")
+  endif()
+endif()
+if(STDOUT_REGEX AND NOT out MATCHES "${STDOUT_REGEX}")
+  string(APPEND problems "standard output does not match '${STDOUT_REGEX}'\n")
+endif()
+if(STDERR_REGEX AND NOT err MATCHES "${STDERR_REGEX}")
+  string(APPEND problems "standard error does not match '${STDERR_REGEX}'\n")
+endif()
+if(problems)
+  list(JOIN args " " shown)
+  message(FATAL_ERROR "pmx ${shown}:\n${problems}--- stdout:\n${out}--- stderr:\n${err}")
+endif()

@@ -1,0 +1,30 @@
+// Subcommands of the pmx tool. Each one registers its options on the application and hands
+// back the function that runs it once the command line has been parsed.
+#ifndef PMX_TOOL_COMMANDS_H
+#define PMX_TOOL_COMMANDS_H
+
+#include <functional>
+
+namespace CLI
+{
+class App;
+}
+
+namespace pmx_tool
+{
+
+// Exit statuses shared by every subcommand.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1; // the command ran and failed (bad data, unknown kind...)
+inline constexpr int kExitUsage = 2;  // the command line itself was wrong
+
+struct Command {
+    CLI::App *app;            // the subcommand, to tell whether it was chosen
+    std::function<int()> run; // runs it; returns the exit status
+};
+
+Command add_decode_command(CLI::App &app);
+
+} // namespace pmx_tool
+
+#endif // PMX_TOOL_COMMANDS_H

@@ -1,0 +1,27 @@
+// pmx: the command-line tool of libpmx.
+#include <CLI/CLI.hpp>
+
+#include <vector>
+
+#include "commands.h"
+
+int main(int argc, char **argv)
+{
+    CLI::App app{"Inspect and drive libpmx, the port identity mapping library.", "pmx"};
+    app.set_version_flag("--version", PMX_TOOL_VERSION);
+    app.require_subcommand(1);
+
+    std::vector<pmx_tool::Command> commands;
+    commands.push_back(pmx_tool::add_decode_command(app));
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        // --help and --version end up here too, with a zero status.
+        return app.exit(e) == 0 ? pmx_tool::kExitOk : pmx_tool::kExitUsage;
+    }
+    for (const auto &command : commands) {
+        if (command.app->parsed()) return command.run();
+    }
+    return pmx_tool::kExitUsage;
+}
