@@ -1,10 +1,11 @@
 # make demo: install what is missing, build, run the demo on the embedded default.
 # make test: install what is missing, build, run every test (unit, integration, export
-#            list, tool, and a short fuzz run under address and undefined sanitizers).
+#            list, tool), the same suites under address and undefined sanitizers, and a
+#            short fuzz run.
 PRESET ?= default
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps configure build demo test test-sanitizers fuzz bench clean
+.PHONY: all deps configure build demo test test-tsan fuzz bench clean
 
 all: build
 
@@ -21,12 +22,14 @@ demo: build
 	scripts/demo build/$(PRESET)
 
 test: build fuzz
+	$(MAKE) --no-print-directory PRESET=asan build
+	ctest --preset asan -j2
 	ctest --preset $(PRESET) -j2
 
-# The same suites under address+undefined and thread sanitizers.
-test-sanitizers: deps
-	$(MAKE) PRESET=asan build && ctest --preset asan -j2
-	$(MAKE) PRESET=tsan build && ctest --preset tsan -j2
+# The same suites under the thread sanitizer (make test already runs them under asan).
+test-tsan: deps
+	$(MAKE) --no-print-directory PRESET=tsan build
+	ctest --preset tsan -j2
 
 fuzz: deps
 	cmake --preset fuzz >/dev/null
