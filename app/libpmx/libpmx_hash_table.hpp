@@ -80,7 +80,10 @@ inline uint32_t lookup2_word(const uint8_t *k)
 }
 
 struct Lookup2Hash {
-    static uint32_t hash(const void *key, uint32_t len) { return lookup2(key, len, 0); }
+    [[gnu::always_inline]] static uint32_t hash(const void *key, uint32_t len)
+    {
+        return lookup2(key, len, 0);
+    }
 };
 
 // Allocation policy; tests substitute one that fails on demand.
@@ -348,7 +351,7 @@ private:
         x |= x >> 1; x |= x >> 2; x |= x >> 4; x |= x >> 8; x |= x >> 16;
         return ++x;
     }
-    static uint32_t hash_of(const void *key)
+    [[gnu::always_inline]] static uint32_t hash_of(const void *key)
     {
         return Hasher::hash(Traits::key_bytes(key), Traits::key_len);
     }
