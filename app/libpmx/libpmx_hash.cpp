@@ -7,6 +7,7 @@
 #include "libpmx_hash_table.hpp"
 
 #include <cstddef>
+#include <cstdlib>
 
 namespace {
 
@@ -164,10 +165,10 @@ libpmx_hash_t **g_phy_k2v;
 uint32_t g_phy_k2v_tables;
 libpmx_hash_t *g_port_k2v;
 
-// Creates a table once; a second init keeps what the table holds.
+// Creates a table once (a zeroed header: no buckets yet); a second init keeps what it holds.
 void init_table(libpmx_hash_t *&h)
 {
-    if (h == nullptr) h = KeyedTable<InvalidModid>::new_header();
+    if (h == nullptr) h = static_cast<libpmx_hash_t *>(std::calloc(1, sizeof(libpmx_hash_t)));
 }
 
 // create(): null check, find-or-cache, and the family's own failure message.

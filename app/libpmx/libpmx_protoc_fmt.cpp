@@ -112,24 +112,18 @@ constexpr libpmx_fmt_ops_t kIndentedOps = {
     .value_bytes = libpmx_fmt_field_value_bytes,
 };
 
-constexpr libpmx_fmt_ops_t kCompactOps = {
-    .field_name = libpmx_fmt_field_name_compact,
-    .message_begin = libpmx_fmt_message_begin_compact,
-    .message_end = libpmx_fmt_message_end_compact,
-    .array_begin = libpmx_fmt_array_begin_compact,
-    .array_end = libpmx_fmt_array_end_compact,
-    .comma = libpmx_fmt_comma_compact,
-    .value_int32 = libpmx_fmt_field_value_int32,
-    .value_uint32 = libpmx_fmt_field_value_uint32,
-    .value_int64 = libpmx_fmt_field_value_int64,
-    .value_uint64 = libpmx_fmt_field_value_uint64,
-    .value_float = libpmx_fmt_field_value_float,
-    .value_double = libpmx_fmt_field_value_double,
-    .value_bool = libpmx_fmt_field_value_bool,
-    .value_string = libpmx_fmt_field_value_string,
-    .value_enum = libpmx_fmt_field_value_enum,
-    .value_bytes = libpmx_fmt_field_value_bytes,
-};
+// The compact form changes only the layout operations; values print the same in both forms.
+constexpr libpmx_fmt_ops_t compact_layout(libpmx_fmt_ops_t ops)
+{
+    ops.field_name = libpmx_fmt_field_name_compact;
+    ops.message_begin = libpmx_fmt_message_begin_compact;
+    ops.message_end = libpmx_fmt_message_end_compact;
+    ops.array_begin = libpmx_fmt_array_begin_compact;
+    ops.array_end = libpmx_fmt_array_end_compact;
+    ops.comma = libpmx_fmt_comma_compact;
+    return ops;
+}
+constexpr libpmx_fmt_ops_t kCompactOps = compact_layout(kIndentedOps);
 
 void set_current_field(libpmx_fmter_t *fmter, const ProtobufCFieldDescriptor *field)
 {
