@@ -3,7 +3,7 @@
 
 A case named BM_X<Impl>/N is compared with BM_X<Ref>/N, where Ref is the first implementation
 listed for BM_X in the run (the benchmarks list their reference first). Cases without template
-arguments are printed with their rate only."""
+arguments are printed with their rate only. When the run has repetitions, the medians are used."""
 import json
 import re
 import sys
@@ -15,10 +15,11 @@ def main(path):
     with open(path) as f:
         data = json.load(f)
     rows, refs, plain = [], {}, []
-    for b in data["benchmarks"]:
-        if b.get("run_type") == "aggregate":
+    medians = [b for b in data["benchmarks"] if b.get("aggregate_name") == "median"]
+    for b in medians or data["benchmarks"]:
+        if b.get("run_type") == "aggregate" and not medians:
             continue
-        m = PATTERN.match(b["name"])
+        m = PATTERN.match(b.get("run_name", b["name"]))
         if not m:
             plain.append(b)
             continue
@@ -34,7 +35,7 @@ def main(path):
     for b in plain:
         rate = {k: v for k, v in b.items() if k.endswith("/s") or k == "items_per_second"}
         extra = " ".join(f"{k}={v:,.0f}" for k, v in rate.items())
-        print(f"{b['name']:<48} {b['cpu_time']:10.2f} {b['time_unit']}  {extra}")
+        print(f"{b.get('run_name', b['name']):<48} {b['cpu_time']:10.2f} {b['time_unit']}  {extra}")
 
 
 if __name__ == "__main__":

@@ -88,7 +88,7 @@ TEST(Lookup2, KnownValuesAndByteOrder)
 {
     const uint8_t zeros[4] = {0, 0, 0, 0};
     EXPECT_EQ(pmx::lookup2(zeros, 4, 0), 0x8965bbe9u);
-    // Keys are read byte by byte, little-endian, so the host's byte order does not matter.
+    // Keys are read as little-endian words, so the host's byte order does not matter.
     const uint8_t le[4] = {0x78, 0x56, 0x34, 0x12};
     const uint8_t be[4] = {0x12, 0x34, 0x56, 0x78};
     EXPECT_NE(pmx::lookup2(le, 4, 0), pmx::lookup2(be, 4, 0));
@@ -96,6 +96,23 @@ TEST(Lookup2, KnownValuesAndByteOrder)
     const uint8_t twelve[12] = {};
     EXPECT_NE(pmx::lookup2(twelve, 12, 0), pmx::lookup2(twelve, 4, 0));
     EXPECT_NE(pmx::lookup2(zeros, 4, 1), pmx::lookup2(zeros, 4, 0));
+
+    // Every length from 0 to 25 (all tail cases, one and two full blocks), from the byte-wise
+    // reading of the algorithm; the word-wise tail must give the same values.
+    static const uint32_t expected[26] = {
+        0xbd49d10du, 0x9e34cd8au, 0x608a8006u, 0x7a8343acu, 0xc5522bbdu, 0x9b66b29fu,
+        0x07c6abedu, 0xaa0cf016u, 0x371b6f81u, 0x60fc4bf4u, 0xd85750e1u, 0xf9df30c5u,
+        0x80c4706du, 0x7bad5cf2u, 0xb17f4fffu, 0x6da3a493u, 0x1a7ccdb5u, 0x2229ae22u,
+        0x6219e963u, 0xa3d4dc71u, 0xac7083dbu, 0xf080129eu, 0x88b4ce97u, 0xc9389c4cu,
+        0xed8d671bu, 0x4c0035f4u};
+    uint8_t bytes[32];
+    for (uint32_t i = 0; i < sizeof bytes; ++i) bytes[i] = static_cast<uint8_t>(i * 37 + 11);
+    for (uint32_t len = 0; len < 26; ++len)
+        EXPECT_EQ(pmx::lookup2(bytes, len, 0), expected[len]) << "length " << len;
+    // An unaligned key hashes like an aligned copy of it.
+    alignas(4) uint8_t shifted[33];
+    std::memcpy(shifted + 1, bytes, sizeof bytes);
+    EXPECT_EQ(pmx::lookup2(shifted + 1, 25, 0), expected[25]);
 }
 
 TEST_F(HashTable, EmptyTableAnswersWithoutBuckets)

@@ -15,6 +15,7 @@
 #ifndef LIBPMX_HASH_TABLE_HPP
 #define LIBPMX_HASH_TABLE_HPP
 
+#include <bit>
 #include <concepts>
 #include <cstdint>
 #include <cstdio>
@@ -41,12 +42,20 @@ namespace pmx {
     c -= a; c -= b; c ^= (b >> 15);
 }
 
-inline uint32_t lookup2_word(const uint8_t *k)
+// Four key bytes as a little-endian word; one load on a little-endian host.
+[[gnu::always_inline]] inline uint32_t lookup2_word(const uint8_t *k)
 {
-    return uint32_t(k[0]) | uint32_t(k[1]) << 8 | uint32_t(k[2]) << 16 | uint32_t(k[3]) << 24;
+    if constexpr (std::endian::native == std::endian::little) {
+        uint32_t w;
+        std::memcpy(&w, k, sizeof w);
+        return w;
+    } else {
+        return uint32_t(k[0]) | uint32_t(k[1]) << 8 | uint32_t(k[2]) << 16 | uint32_t(k[3]) << 24;
+    }
 }
 
-// Inlined so that a fixed key length folds the tail switch and the block loop away.
+// Inlined so that a fixed key length folds the tail switch and the block loop away. The tail
+// adds whole words where it can: adding a word equals adding its four shifted bytes.
 [[gnu::always_inline]] inline uint32_t lookup2(const void *key, uint32_t length, uint32_t initval)
 {
     const auto *k = static_cast<const uint8_t *>(key);
@@ -61,18 +70,20 @@ inline uint32_t lookup2_word(const uint8_t *k)
         len -= 12;
     }
     c += length;
+    if (len >= 4) {
+        a += lookup2_word(k);
+        if (len >= 8) b += lookup2_word(k + 4);
+    }
     switch (len) { // the low byte of c is taken by the length
     case 11: c += uint32_t(k[10]) << 24; [[fallthrough]];
     case 10: c += uint32_t(k[9]) << 16; [[fallthrough]];
-    case 9: c += uint32_t(k[8]) << 8; [[fallthrough]];
-    case 8: b += uint32_t(k[7]) << 24; [[fallthrough]];
+    case 9: c += uint32_t(k[8]) << 8; break;
     case 7: b += uint32_t(k[6]) << 16; [[fallthrough]];
     case 6: b += uint32_t(k[5]) << 8; [[fallthrough]];
-    case 5: b += k[4]; [[fallthrough]];
-    case 4: a += uint32_t(k[3]) << 24; [[fallthrough]];
+    case 5: b += k[4]; break;
     case 3: a += uint32_t(k[2]) << 16; [[fallthrough]];
     case 2: a += uint32_t(k[1]) << 8; [[fallthrough]];
-    case 1: a += k[0]; [[fallthrough]];
+    case 1: a += k[0]; break;
     default: break;
     }
     lookup2_mix(a, b, c);
