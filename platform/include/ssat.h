@@ -1,0 +1,47 @@
+/* Host debug shell: each process serves its modules' debug commands on a Unix socket,
+ * $PMX_RUN_DIR/<module>.sock (default: a directory private to the user), which `pmx shell`
+ * attaches to. */
+#ifndef SSAT_H
+#define SSAT_H
+
+#include <stdarg.h>
+#include <stdio.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    SSAT_OK = 0,
+    SSAT_E_INVAL = -1,  /* null or malformed argument */
+    SSAT_E_EXISTS = -2, /* the command is registered already */
+    SSAT_E_SOCKET = -3, /* the socket could not be made */
+    SSAT_E_NOMEM = -4,
+};
+
+/* A command handler: args is the text after the command name ("dbg_level=4"), never null.
+ * Its result is sent to the client as the command's result code. */
+typedef int (*ssat_cmd_fn)(const char *args);
+
+/* Starts serving module's commands on its socket, in a thread of its own; a second call for
+ * the same module is a no-op. */
+int ssat_multi_thread_init(const char *module);
+/* Registers a command of module, with a one-line help text. */
+int ssat_multi_thread_reg_mod_cmd(const char *module, const char *cmd, const char *help, ssat_cmd_fn fn);
+/* Stops serving module and removes its socket (host programs and tests). */
+void ssat_multi_thread_stop(const char *module);
+/* The socket path of module; the length it needs, or a negative code. */
+int ssat_socket_path(const char *module, char *buf, size_t size);
+
+/* The one output function of debug commands: the attached client while a command runs in the
+ * shell, standard output otherwise. */
+int ssat_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+int ssat_vprintf(const char *format, va_list ap);
+/* The calling thread's output stream, as above. */
+FILE *ssat_out(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* SSAT_H */

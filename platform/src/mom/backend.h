@@ -1,0 +1,86 @@
+// The seam between the database client and its stores. The client (keys, record codec, thread
+// records, subscriptions with their last-value cache and resync) is written once against these
+// two interfaces; each back end (embedded, Redis) implements them.
+#ifndef QV_MOM_BACKEND_H
+#define QV_MOM_BACKEND_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+struct event_base;
+
+namespace qv::mom {
+
+// Field name -> that field's wire encoding.
+using HashFields = std::vector<std::pair<std::string, std::string>>;
+
+// A stored value as it is: absent, a plain string, or a hash.
+struct StoredValue {
+    enum class Kind { Absent, Plain, Hash } kind = Kind::Absent;
+    std::string plain;
+    HashFields hash;
+};
+
+// One thread's synchronous connection. Results are QV_MOM_* codes: 0, QV_MOM_ABSENT where the
+// call says so, negative on failure. A broken connection is re-made once per call before
+// QV_MOM_E_CONN is returned.
+class Connection {
+public:
+    virtual ~Connection() = default;
+    virtual int connect(int db) = 0;
+    virtual int exists(int db, const std::string &key) = 0;
+    // Plain read: ABSENT when the key is missing, QV_MOM_E_SERVER when it holds a hash.
+    virtual int get(int db, const std::string &key, std::string *out) = 0;
+    // Hash read: ABSENT when the key is missing, QV_MOM_E_SERVER when it holds a plain value.
+    virtual int hgetall(int db, const std::string &key, HashFields *out) = 0;
+    // Reads whatever the key holds (the subscriber's re-read and the scan use it).
+    virtual int read(int db, const std::string &key, StoredValue *out) = 0;
+    virtual int set(int db, const std::string &key, const std::string &value) = 0;
+    virtual int hset(int db, const std::string &key, const HashFields &fields) = 0;
+    virtual int del(int db, const std::string &key) = 0;
+    // Every key equal to `name` or starting with `name|`; fn's non-zero result stops the scan.
+    virtual int scan(int db, const std::string &name, const std::function<int(const std::string &)> &fn) = 0;
+};
+
+// What a subscriber reports, on the event thread.
+class SubscriberListener {
+public:
+    virtual ~SubscriberListener() = default;
+    // The feed is (again) subscribed to every watched kind: time to snapshot or resync.
+    virtual void on_subscribed() = 0;
+    // The feed was lost; changes until the next on_subscribed() are not reported.
+    virtual void on_lost(const std::string &why) = 0;
+    // The key changed; the event name is the store's ("set", "hset", "del", ...).
+    virtual void on_key_event(int db, const std::string &key, const std::string &event) = 0;
+};
+
+// The change feed of a store, driven by the event thread's event base. Reconnects with
+// back-off by itself after a loss.
+class Subscriber {
+public:
+    virtual ~Subscriber() = default;
+    virtual int start(event_base *base, SubscriberListener *listener) = 0;
+    // Adds a record kind of a database to the feed (its singleton key and its "name|..." keys).
+    virtual void watch(int db, const std::string &name) = 0;
+    virtual void stop() = 0;
+};
+
+class Backend {
+public:
+    virtual ~Backend() = default;
+    virtual const std::string &url() const = 0;
+    virtual std::unique_ptr<Connection> connect() = 0;
+    virtual std::unique_ptr<Subscriber> subscriber() = 0;
+};
+
+// Opens the back end a URL names; null with the reason in err on a malformed URL.
+std::shared_ptr<Backend> open_backend(const std::string &url, std::string *err);
+std::shared_ptr<Backend> open_embedded(const std::string &url);
+std::shared_ptr<Backend> open_redis(const std::string &url, std::string *err);
+
+} // namespace qv::mom
+
+#endif // QV_MOM_BACKEND_H
