@@ -16,7 +16,9 @@ def main(path):
         data = json.load(f)
     rows, refs, plain = [], {}, []
     medians = [b for b in data["benchmarks"] if b.get("aggregate_name") == "median"]
-    for b in medians or data["benchmarks"]:
+    # Registration order, also when the cases ran interleaved in random order.
+    order = lambda b: (b.get("family_index", 0), b.get("per_family_instance_index", 0))
+    for b in sorted(medians or data["benchmarks"], key=order):
         if b.get("run_type") == "aggregate" and not medians:
             continue
         m = PATTERN.match(b.get("run_name", b["name"]))

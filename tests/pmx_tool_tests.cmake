@@ -39,3 +39,33 @@ pmx_tool_test(odd_hex EXPECT_FAIL ARGS "decode|u_intf.pmx_ifx_tbl|0x2a020"
 
 pmx_tool_test(list_kinds ARGS "decode|--list"
   STDOUT_REGEX "(^|\n)p_dev.card_info\n(.*\n)?u_intf.pmx_ifx_tbl\n")
+
+# pmx shell against a live server: ssat_test_server serves the module "demo" (commands echo and
+# fail) from a private directory while it runs the tool; its log shares standard error.
+add_executable(ssat_test_server ${CMAKE_CURRENT_SOURCE_DIR}/ssat_test_server.cpp)
+target_link_libraries(ssat_test_server PRIVATE pmxhost)
+pmx_strict_warnings(ssat_test_server)
+
+function(pmx_shell_test name)
+  cmake_parse_arguments(T "EXPECT_FAIL" "ARGS;STDIN;STDOUT_REGEX;STDERR_REGEX" "" ${ARGN})
+  add_test(NAME pmx_tool_shell_${name}
+    COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:ssat_test_server>
+            "-DARGS=$<TARGET_FILE:pmx_tool>|shell|${T_ARGS}" "-DSTDIN=${T_STDIN}"
+            -DEXPECT_FAIL=${T_EXPECT_FAIL} "-DSTDOUT_REGEX=${T_STDOUT_REGEX}"
+            "-DSTDERR_REGEX=${T_STDERR_REGEX}" -P ${CMAKE_CURRENT_SOURCE_DIR}/run_pmx_tool.cmake)
+endfunction()
+
+pmx_shell_test(run ARGS "demo|echo|a|dbg_level=4" STDOUT_REGEX "^a dbg_level=4\n$")
+pmx_shell_test(failing EXPECT_FAIL ARGS "demo|fail|3"
+  STDOUT_REGEX "^failing with 3\n$" STDERR_REGEX "(^|\n)pmx: 'fail' ended with code 3\n")
+pmx_shell_test(list ARGS "demo|--list"
+  STDOUT_REGEX "^help +list[^\n]*\necho +print the arguments\nfail +end with the code given")
+pmx_shell_test(unknown EXPECT_FAIL ARGS "demo|nope|x"
+  STDERR_REGEX "unknown command 'nope' in module demo; 'help' lists the commands")
+pmx_shell_test(not_serving EXPECT_FAIL ARGS "absent|echo|x"
+  STDERR_REGEX "(^|\n)pmx: module absent is not serving: cannot connect to /[^\n]*/absent.sock: ")
+pmx_shell_test(bad_module EXPECT_FAIL ARGS "../x|echo" STDERR_REGEX "invalid module name '../x'")
+# Lines from standard input: blanks trimmed, empty lines skipped, "quit" ends the session, and
+# a failed command makes it fail.
+pmx_shell_test(session EXPECT_FAIL ARGS "demo" STDIN ${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_shell_session.in
+  STDOUT_REGEX "^one\ntwo\nfailing with 2\n$" STDERR_REGEX "'fail' ended with code 2")

@@ -23,12 +23,13 @@ enum {
  * Its result is sent to the client as the command's result code. */
 typedef int (*ssat_cmd_fn)(const char *args);
 
-/* Starts serving module's commands on its socket, in a thread of its own; a second call for
- * the same module is a no-op. */
+/* Starts serving module's commands on its socket; one shell thread of the process serves every
+ * module, running one command at a time. A second call for the same module is a no-op. */
 int ssat_multi_thread_init(const char *module);
-/* Registers a command of module, with a one-line help text. */
+/* Registers a command of module, with a one-line help text, before or after the module is
+ * served. "help" is built in (it lists the module's commands); a name taken is SSAT_E_EXISTS. */
 int ssat_multi_thread_reg_mod_cmd(const char *module, const char *cmd, const char *help, ssat_cmd_fn fn);
-/* Stops serving module and removes its socket (host programs and tests). */
+/* Stops serving module, removes its socket and forgets its commands (host programs and tests). */
 void ssat_multi_thread_stop(const char *module);
 /* The socket path of module; the length it needs, or a negative code. */
 int ssat_socket_path(const char *module, char *buf, size_t size);

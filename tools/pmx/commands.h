@@ -24,6 +24,7 @@ struct Command {
 };
 
 Command add_decode_command(CLI::App &app);
+Command add_shell_command(CLI::App &app);
 
 } // namespace pmx_tool
 

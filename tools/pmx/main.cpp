@@ -13,6 +13,7 @@ int main(int argc, char **argv)
 
     std::vector<pmx_tool::Command> commands;
     commands.push_back(pmx_tool::add_decode_command(app));
+    commands.push_back(pmx_tool::add_shell_command(app));
 
     try {
         app.parse(argc, argv);

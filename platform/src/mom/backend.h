@@ -64,6 +64,8 @@ public:
     virtual ~Subscriber() = default;
     virtual int start(event_base *base, SubscriberListener *listener) = 0;
     // Adds a record kind of a database to the feed (its singleton key and its "name|..." keys).
+    // Once the feed covers the new kind it reports on_subscribed() again; the client snapshots
+    // the kinds watched since the previous report then.
     virtual void watch(int db, const std::string &name) = 0;
     virtual void stop() = 0;
 };

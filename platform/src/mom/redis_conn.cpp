@@ -1,0 +1,307 @@
+// One thread's synchronous Redis connection. Every call is one round trip (a SELECT rides along
+// only when the database changes); a broken connection is re-made once per call.
+#include <hiredis/hiredis.h>
+#include <poll.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "qv_mom.h"
+#include "redis_common.h"
+
+namespace qv::mom::redis {
+namespace {
+
+constexpr timeval kConnectTimeout = {1, 0};
+constexpr timeval kCommandTimeout = {5, 0};
+
+struct ReplyFree {
+    void operator()(redisReply *r) const { freeReplyObject(r); }
+};
+using Reply = std::unique_ptr<redisReply, ReplyFree>;
+
+// One command: binary-safe arguments that point into the caller's strings.
+struct Cmd {
+    static constexpr int kMax = 6;
+    int argc = 0;
+    const char *argv[kMax];
+    size_t len[kMax];
+    Cmd(std::initializer_list<std::string_view> args)
+    {
+        for (std::string_view a : args) {
+            argv[argc] = a.data();
+            len[argc++] = a.size();
+        }
+    }
+};
+
+bool is_error(const redisReply *r) { return r->type == REDIS_REPLY_ERROR; }
+std::string text(const redisReply *r) { return std::string(r->str, r->len); }
+
+class RedisConnection final : public Connection {
+public:
+    explicit RedisConnection(std::shared_ptr<Shared> shared) : shared_(std::move(shared)) {}
+    ~RedisConnection() override { drop(); }
+    RedisConnection(const RedisConnection &) = delete;
+    RedisConnection &operator=(const RedisConnection &) = delete;
+
+    int connect(int db) override
+    {
+        if (ctx_ != nullptr && !idle_and_intact()) drop();
+        if (ctx_ != nullptr && db == db_) return QV_MOM_OK;
+        return run(db, nullptr, 0, nullptr);
+    }
+
+    int exists(int db, const std::string &key) override
+    {
+        const Cmd cmd{"EXISTS", key};
+        Reply r[1];
+        int rc = run(db, &cmd, 1, r);
+        if (rc != QV_MOM_OK) return rc;
+        if (r[0]->type != REDIS_REPLY_INTEGER) return server_error("EXISTS", db, key, r[0].get());
+        return r[0]->integer > 0 ? QV_MOM_OK : QV_MOM_ABSENT;
+    }
+
+    int get(int db, const std::string &key, std::string *out) override
+    {
+        const Cmd cmd{"GET", key};
+        Reply r[1];
+        int rc = run(db, &cmd, 1, r);
+        if (rc != QV_MOM_OK) return rc;
+        if (r[0]->type == REDIS_REPLY_NIL) return QV_MOM_ABSENT;
+        if (r[0]->type != REDIS_REPLY_STRING) return server_error("GET", db, key, r[0].get());
+        out->assign(r[0]->str, r[0]->len);
+        return QV_MOM_OK;
+    }
+
+    int hgetall(int db, const std::string &key, HashFields *out) override
+    {
+        const Cmd cmd{"HGETALL", key};
+        Reply r[1];
+        int rc = run(db, &cmd, 1, r);
+        if (rc != QV_MOM_OK) return rc;
+        if (r[0]->type != REDIS_REPLY_ARRAY) return server_error("HGETALL", db, key, r[0].get());
+        if (r[0]->elements == 0) return QV_MOM_ABSENT; // the server keeps no empty hash
+        take_fields(r[0].get(), out);
+        return QV_MOM_OK;
+    }
+
+    // GET and HGETALL in one round trip: whichever type the key holds answers, the other one
+    // fails with WRONGTYPE (or both are empty when the key is absent).
+    int read(int db, const std::string &key, StoredValue *out) override
+    {
+        const Cmd cmds[] = {{"GET", key}, {"HGETALL", key}};
+        Reply r[2];
+        int rc = run(db, cmds, 2, r);
+        if (rc != QV_MOM_OK) return rc;
+        const redisReply *plain = r[0].get();
+        const redisReply *hash = r[1].get();
+        *out = StoredValue{};
+        if (hash->type == REDIS_REPLY_ARRAY && hash->elements > 0) { // the later answer wins
+            out->kind = StoredValue::Kind::Hash;
+            take_fields(hash, &out->hash);
+        } else if (plain->type == REDIS_REPLY_STRING) {
+            out->kind = StoredValue::Kind::Plain;
+            out->plain.assign(plain->str, plain->len);
+        } else if (plain->type != REDIS_REPLY_NIL && hash->type != REDIS_REPLY_ARRAY) {
+            return server_error("GET/HGETALL", db, key, is_error(plain) ? plain : hash);
+        }
+        return QV_MOM_OK;
+    }
+
+    int set(int db, const std::string &key, const std::string &value) override
+    {
+        const Cmd cmd{"SET", key, value};
+        Reply r[1];
+        int rc = run(db, &cmd, 1, r);
+        if (rc != QV_MOM_OK) return rc;
+        return is_error(r[0].get()) ? server_error("SET", db, key, r[0].get()) : QV_MOM_OK;
+    }
+
+    int hset(int db, const std::string &key, const HashFields &fields) override
+    {
+        if (fields.empty()) return QV_MOM_OK;
+        std::vector<const char *> argv{"HSET", key.data()};
+        std::vector<size_t> len{4, key.size()};
+        for (const auto &f : fields) {
+            argv.insert(argv.end(), {f.first.data(), f.second.data()});
+            len.insert(len.end(), {f.first.size(), f.second.size()});
+        }
+        Reply r[1];
+        int rc = run(db, nullptr, 0, r, static_cast<int>(argv.size()), argv.data(), len.data());
+        if (rc != QV_MOM_OK) return rc;
+        return is_error(r[0].get()) ? server_error("HSET", db, key, r[0].get()) : QV_MOM_OK;
+    }
+
+    int del(int db, const std::string &key) override
+    {
+        const Cmd cmd{"DEL", key};
+        Reply r[1];
+        int rc = run(db, &cmd, 1, r);
+        if (rc != QV_MOM_OK) return rc;
+        return is_error(r[0].get()) ? server_error("DEL", db, key, r[0].get()) : QV_MOM_OK;
+    }
+
+    // The singleton key "name" and every "name|..." key, through SCAN (never KEYS, which
+    // stalls the server). SCAN may return a key twice; each is handed on once.
+    int scan(int db, const std::string &name,
+             const std::function<int(const std::string &)> &fn) override
+    {
+        int rc = exists(db, name);
+        if (rc < 0) return rc;
+        if (rc == QV_MOM_OK) {
+            int stop = fn(name);
+            if (stop != 0) return stop;
+        }
+        const std::string pattern = glob_escape(name) + "|*";
+        std::unordered_set<std::string> seen;
+        std::string cursor = "0";
+        do {
+            const Cmd cmd{"SCAN", cursor, "MATCH", pattern, "COUNT", "1000"};
+            Reply r[1];
+            rc = run(db, &cmd, 1, r);
+            if (rc != QV_MOM_OK) return rc;
+            const redisReply *page = r[0].get();
+            if (page->type != REDIS_REPLY_ARRAY || page->elements != 2 ||
+                page->element[0]->type != REDIS_REPLY_STRING ||
+                page->element[1]->type != REDIS_REPLY_ARRAY)
+                return server_error("SCAN", db, pattern, page);
+            cursor = text(page->element[0]);
+            const redisReply *keys = page->element[1];
+            std::vector<std::string> fresh;
+            for (size_t i = 0; i < keys->elements; ++i) {
+                std::string key = text(keys->element[i]);
+                if (seen.insert(key).second) fresh.push_back(std::move(key));
+            }
+            r[0].reset(); // fn may use this connection
+            for (const auto &key : fresh) {
+                int stop = fn(key);
+                if (stop != 0) return stop;
+            }
+        } while (cursor != "0");
+        return QV_MOM_OK;
+    }
+
+private:
+    // Sends SELECT (when db changed) and the commands in one write, and reads a reply for each
+    // command into out. A command with more arguments than a Cmd holds comes as argc/argv/len.
+    // An I/O failure drops the connection and tries once more on a new one.
+    int run(int db, const Cmd *cmds, int n, Reply *out, int argc = 0, const char *const *argv = nullptr,
+            const size_t *len = nullptr)
+    {
+        for (int attempt = 0;; ++attempt) {
+            if (ctx_ == nullptr && !open()) return QV_MOM_E_CONN;
+            const bool select = db != db_;
+            if (select) {
+                const std::string db_text = std::to_string(db);
+                const char *sel_argv[] = {"SELECT", db_text.c_str()};
+                const size_t sel_len[] = {6, db_text.size()};
+                redisAppendCommandArgv(ctx_, 2, sel_argv, sel_len);
+            }
+            // This hiredis declares argv non-const but only reads it.
+            for (int i = 0; i < n; ++i)
+                redisAppendCommandArgv(ctx_, cmds[i].argc, const_cast<const char **>(cmds[i].argv), cmds[i].len);
+            if (argc > 0) redisAppendCommandArgv(ctx_, argc, const_cast<const char **>(argv), len);
+            const int replies = n + (argc > 0 ? 1 : 0);
+            Reply sel;
+            bool broken = false;
+            for (int i = select ? -1 : 0; i < replies && !broken; ++i) {
+                void *reply = nullptr;
+                broken = redisGetReply(ctx_, &reply) != REDIS_OK || reply == nullptr;
+                (i < 0 ? sel : out[i]).reset(static_cast<redisReply *>(reply));
+            }
+            if (broken) {
+                std::string why = ctx_->errstr;
+                drop();
+                if (attempt == 0) continue;
+                report_down("lost the connection to", why);
+                return QV_MOM_E_CONN;
+            }
+            if (select) {
+                if (is_error(sel.get())) {
+                    QV_MOM_LOG(QV_ZLOG_LEVEL_ERROR, "SELECT %d failed on %s: %s (the server needs 32 databases)",
+                               db, shared_->ep.url.c_str(), sel->str);
+                    return QV_MOM_E_SERVER;
+                }
+                db_ = db;
+            }
+            return QV_MOM_OK;
+        }
+    }
+
+    bool open()
+    {
+        const Endpoint &ep = shared_->ep;
+        ctx_ = ep.path.empty() ? redisConnectWithTimeout(ep.host.c_str(), ep.port, kConnectTimeout)
+                               : redisConnectUnixWithTimeout(ep.path.c_str(), kConnectTimeout);
+        if (ctx_ == nullptr) {
+            report_down("cannot connect to", std::strerror(ENOMEM));
+            return false;
+        }
+        if (ctx_->err != 0) {
+            std::string why = ctx_->errstr;
+            drop();
+            report_down("cannot connect to", why);
+            return false;
+        }
+        redisSetTimeout(ctx_, kCommandTimeout);
+        db_ = 0;
+        return true;
+    }
+
+    void drop()
+    {
+        if (ctx_ != nullptr) redisFree(ctx_);
+        ctx_ = nullptr;
+        db_ = -1;
+    }
+
+    // An idle connection has nothing to read; readable means the server closed it.
+    bool idle_and_intact() const
+    {
+        pollfd p{ctx_->fd, POLLIN, 0};
+        return ::poll(&p, 1, 0) == 0;
+    }
+
+    void report_down(const char *what, const std::string &why)
+    {
+        unsigned held = 0;
+        if (shared_->conn_log.allow(&held))
+            QV_MOM_LOG(QV_ZLOG_LEVEL_ERROR, "%s %s: %s%s", what, shared_->ep.url.c_str(),
+                       why.c_str(), held_back(held).c_str());
+    }
+
+    int server_error(const char *cmd, int db, const std::string &key, const redisReply *r)
+    {
+        std::string why = r->type == REDIS_REPLY_ERROR
+                              ? text(r)
+                              : "unexpected reply type " + std::to_string(r->type);
+        QV_MOM_LOG(QV_ZLOG_LEVEL_ERROR, "%s of \"%s\" in database %d on %s: %s", cmd, key.c_str(),
+                   db, shared_->ep.url.c_str(), why.c_str());
+        return QV_MOM_E_SERVER;
+    }
+
+    static void take_fields(const redisReply *r, HashFields *out)
+    {
+        out->clear();
+        out->reserve(r->elements / 2);
+        for (size_t i = 0; i + 1 < r->elements; i += 2)
+            out->emplace_back(text(r->element[i]), text(r->element[i + 1]));
+    }
+
+    std::shared_ptr<Shared> shared_;
+    redisContext *ctx_ = nullptr;
+    int db_ = -1; // the database selected on ctx_, -1 when unknown
+};
+
+} // namespace
+
+std::unique_ptr<Connection> make_connection(std::shared_ptr<Shared> shared)
+{
+    return std::make_unique<RedisConnection>(std::move(shared));
+}
+
+} // namespace qv::mom::redis

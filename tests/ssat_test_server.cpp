@@ -1,0 +1,79 @@
+// Serves the debug-shell module "demo" with two commands. Given a command line, it runs that
+// program while serving and exits with its status; without one it serves until killed.
+// Unless PMX_RUN_DIR is set, the socket goes to a fresh directory of its own.
+#include <signal.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "ssat.h"
+
+extern char **environ;
+
+namespace
+{
+
+int cmd_echo(const char *args)
+{
+    ssat_printf("%s\n", args);
+    return 0;
+}
+
+int cmd_fail(const char *args)
+{
+    int code = *args != '\0' ? atoi(args) : 1;
+    ssat_printf("failing with %d\n", code);
+    return code;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::string own_dir;
+    if (getenv("PMX_RUN_DIR") == nullptr) {
+        char tmpl[] = "/tmp/ssat_server.XXXXXX";
+        if (mkdtemp(tmpl) == nullptr) return 1;
+        own_dir = tmpl;
+        setenv("PMX_RUN_DIR", tmpl, 1);
+    }
+    // Blocked before the server thread starts, so only sigwait sees them.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+    ssat_multi_thread_reg_mod_cmd("demo", "echo", "print the arguments", cmd_echo);
+    ssat_multi_thread_reg_mod_cmd("demo", "fail", "end with the code given (default 1)", cmd_fail);
+    if (ssat_multi_thread_init("demo") != SSAT_OK) return 1;
+
+    int status = 0;
+    if (argc < 2) {
+        int sig;
+        sigwait(&stop_signals, &sig);
+    } else {
+        posix_spawnattr_t attr;
+        posix_spawnattr_init(&attr);
+        sigset_t none;
+        sigemptyset(&none);
+        posix_spawnattr_setsigmask(&attr, &none);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
+        pid_t pid;
+        if (posix_spawnp(&pid, argv[1], nullptr, &attr, argv + 1, environ) != 0) {
+            perror(argv[1]);
+            status = 127;
+        } else if (waitpid(pid, &status, 0) == pid) {
+            status = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+        }
+        posix_spawnattr_destroy(&attr);
+    }
+    ssat_multi_thread_stop("demo");
+    if (!own_dir.empty()) std::filesystem::remove_all(own_dir);
+    return status;
+}

@@ -1,0 +1,183 @@
+// Host capabilities: lookups by path, every failure kind with its log line, and the defaults.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <future>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+#include <unistd.h>
+
+#include "log_capture.h"
+#include "qv_cap.h"
+
+namespace {
+
+// Files written by this run, removed at exit.
+struct TempFiles {
+    std::vector<std::string> paths;
+    ~TempFiles()
+    {
+        for (const auto &p : paths) std::remove(p.c_str());
+    }
+} g_files;
+
+std::string write_file(const std::string &name, const std::string &text)
+{
+    std::string path = testing::TempDir() + "qv_cap_" + std::to_string(getpid()) + "_" + name;
+    std::ofstream(path) << text;
+    g_files.paths.push_back(path);
+    return path;
+}
+
+libqv_cap_ctrl_info_t *load(const std::string &path, int expected_rc = LIBQV_CAP_OK)
+{
+    libqv_cap_ctrl_info_t *info = nullptr;
+    EXPECT_EQ(libqv_cap_ctrl_info_init(&info, path.c_str()), expected_rc) << path;
+    return info;
+}
+
+int32_t int_of(const libqv_cap_ctrl_info_t *info, const char *name)
+{
+    int32_t v = -1;
+    EXPECT_EQ(libqv_cap_get_capacity_int32(info, name, &v), LIBQV_CAP_OK) << name;
+    return v;
+}
+
+// True when a logged line names both the file and the capability (or detail).
+bool logged(const LogCapture &log, const std::string &file, const std::string &what)
+{
+    for (const auto &l : log.lines())
+        if (l.text.find(file) != std::string::npos && l.text.find(what) != std::string::npos) return true;
+    return false;
+}
+
+const char *const kCaps = R"({
+  // comments are allowed
+  "max-block-times": 3000, "min-int": -2147483648, "too-big": 2147483648, "too-small": -2147483649,
+  "ratio": 1.5, "flag-true": true, "flag-one": 1, "flag-two": 2, "board": "demo-board",
+  "modid-info": { "26": { "min": 4, "max": 1023 } },
+  "slots": [ { "name": "a" }, { "ids": [7, 9] } ]
+})";
+
+} // namespace
+
+TEST(QvCap, ReadsNestedNamesAndArraysAndReportsEachFailure)
+{
+    std::string path = write_file("caps.json", kCaps);
+    libqv_cap_ctrl_info_t *info = load(path);
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(libqv_cap_ctrl_info_path(info), path);
+    EXPECT_EQ(int_of(info, "min-int"), INT32_MIN);
+    EXPECT_EQ(int_of(info, "modid-info/26/min"), 4);
+    EXPECT_EQ(int_of(info, "slots/1/ids/1"), 9);
+    bool flag = false;
+    EXPECT_EQ(libqv_cap_get_capacity_bool(info, "flag-one", &flag), LIBQV_CAP_OK);
+    EXPECT_TRUE(flag);
+    char buf[11]; // exactly "demo-board" and its terminator
+    EXPECT_EQ(libqv_cap_get_capacity_str(info, "board", buf, sizeof buf), LIBQV_CAP_OK);
+    EXPECT_STREQ(buf, "demo-board");
+
+    LogCapture log;
+    const std::pair<const char *, int> int_failures[] = {
+        {"no-such", LIBQV_CAP_E_MISSING}, {"modid-info/27/min", LIBQV_CAP_E_MISSING},
+        {"slots/2", LIBQV_CAP_E_MISSING}, {"slots/x", LIBQV_CAP_E_MISSING},
+        {"board/0", LIBQV_CAP_E_MISSING}, {"board", LIBQV_CAP_E_TYPE},
+        {"too-big", LIBQV_CAP_E_TYPE},    {"too-small", LIBQV_CAP_E_TYPE},
+        {"ratio", LIBQV_CAP_E_TYPE},      {"flag-true", LIBQV_CAP_E_TYPE},
+    };
+    for (const auto &[name, rc] : int_failures) {
+        log.clear();
+        int32_t v = 77;
+        EXPECT_EQ(libqv_cap_get_capacity_int32(info, name, &v), rc) << name;
+        EXPECT_EQ(v, 77) << name;
+        EXPECT_TRUE(logged(log, path, name)) << name;
+    }
+    log.clear();
+    EXPECT_EQ(libqv_cap_get_capacity_bool(info, "flag-two", &flag), LIBQV_CAP_E_TYPE);
+    EXPECT_TRUE(flag && logged(log, path, "flag-two"));
+    log.clear();
+    char small[10] = "untouched";
+    EXPECT_EQ(libqv_cap_get_capacity_str(info, "board", small, sizeof small), LIBQV_CAP_E_TYPE);
+    EXPECT_STREQ(small, "untouched");
+    EXPECT_TRUE(logged(log, path, "board"));
+    EXPECT_EQ(libqv_cap_get_capacity_str(info, "board", nullptr, 8), LIBQV_CAP_E_INVAL);
+    EXPECT_EQ(libqv_cap_get_capacity_int32(info, nullptr, nullptr), LIBQV_CAP_E_INVAL);
+    libqv_cap_ctrl_info_free(info);
+}
+
+TEST(QvCap, LoadFailuresReturnTheirCodeAndNameTheFile)
+{
+    LogCapture log;
+    const std::tuple<std::string, int, const char *> failures[] = {
+        {testing::TempDir() + "qv_cap_absent.json", LIBQV_CAP_E_FILE, "No such file"},
+        {testing::TempDir(), LIBQV_CAP_E_FILE, "directory"},
+        {write_file("bad.json", "{\n  \"a\": 1,\n  \"b\": tru\n}"), LIBQV_CAP_E_PARSE, "line 3, column 11"},
+        {write_file("array.json", "[1, 2]"), LIBQV_CAP_E_PARSE, "not array"},
+    };
+    for (const auto &[path, rc, detail] : failures) {
+        log.clear();
+        EXPECT_EQ(load(path, rc), nullptr);
+        EXPECT_TRUE(logged(log, path, detail)) << path;
+    }
+}
+
+TEST(QvCap, ThreadDefaultOverProcessDefaultAndFreeClearsThem)
+{
+    libqv_cap_ctrl_info_t *first = load(write_file("first.json", R"({"who": 1})"));
+    libqv_cap_ctrl_info_t *second = load(write_file("second.json", R"({"who": 2})"));
+    EXPECT_EQ(int_of(nullptr, "who"), 1); // the first loaded is the process default
+
+    std::promise<void> set_up, freed;
+    int32_t own = 0, after_free = 0;
+    std::thread reader([&] {
+        EXPECT_EQ(libqv_cap_init_thread(second), LIBQV_CAP_OK);
+        own = int_of(nullptr, "who");
+        set_up.set_value();
+        freed.get_future().wait();
+        after_free = int_of(nullptr, "who");
+    });
+    set_up.get_future().wait();
+    EXPECT_EQ(int_of(nullptr, "who"), 1); // other threads keep the process default
+    libqv_cap_ctrl_info_free(second);
+    freed.set_value();
+    reader.join();
+    EXPECT_EQ(own, 2);
+    EXPECT_EQ(after_free, 1);
+
+    EXPECT_EQ(libqv_cap_init_thread(first), LIBQV_CAP_OK);
+    libqv_cap_ctrl_info_free(first); // clears this thread's default and the process default
+    int32_t v = 5;
+    EXPECT_EQ(libqv_cap_get_capacity_int32(nullptr, "who", &v), LIBQV_CAP_E_INVAL);
+    EXPECT_EQ(v, 5);
+    libqv_cap_ctrl_info_t *third = load(write_file("third.json", R"({"who": 3})"));
+    EXPECT_EQ(int_of(nullptr, "who"), 3);
+    libqv_cap_ctrl_info_free(third);
+}
+
+TEST(QvCap, FileFromEnvironmentElseTheShippedDefault)
+{
+    std::string path = write_file("env.json", "{}");
+    ASSERT_EQ(setenv("PMX_CAP_FILE", path.c_str(), 1), 0);
+    libqv_cap_ctrl_info_t *info = load("");
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(libqv_cap_ctrl_info_path(info), path);
+    libqv_cap_ctrl_info_free(info);
+    ASSERT_EQ(unsetenv("PMX_CAP_FILE"), 0);
+
+    info = load("");
+    ASSERT_NE(info, nullptr);
+    EXPECT_NE(std::string(libqv_cap_ctrl_info_path(info)).find("caps/default.json"), std::string::npos);
+    EXPECT_EQ(int_of(info, "max-block-times"), 3000);
+    EXPECT_EQ(int_of(info, "lc-slots-num"), 21);
+    EXPECT_GT(int_of(info, "node-type-cap-id-num/3"), 0);
+    EXPECT_LT(int_of(info, "modid-info/26/min"), int_of(info, "modid-info/26/max"));
+    EXPECT_EQ(int_of(info, "invalid-modids/0"), 17);
+    bool enabled = false;
+    EXPECT_EQ(libqv_cap_get_capacity_bool(info, "subcard-id/enable", &enabled), LIBQV_CAP_OK);
+    libqv_cap_ctrl_info_free(info);
+}
