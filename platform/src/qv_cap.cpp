@@ -1,6 +1,7 @@
 // Host capabilities: one JSON file read at load; queries walk the parsed document by name.
 #include "qv_cap.h"
 
+#include "host_log.h"
 #include "qv_zlog.h"
 
 #include <nlohmann/json.hpp>
@@ -33,9 +34,7 @@ qv_zlog_category_t *log_category()
     return cat;
 }
 
-#define QV_CAP_ERROR(...)                                                                          \
-    qvdf_zlog(log_category(), __FILE__, sizeof(__FILE__) - 1, __func__, sizeof(__func__) - 1,     \
-              __LINE__, QV_ZLOG_LEVEL_ERROR, __VA_ARGS__)
+#define QV_CAP_ERROR(...) QV_HOST_LOG(log_category(), QV_ZLOG_LEVEL_ERROR, __VA_ARGS__)
 
 // The defaults: the process one (the first info loaded while none was set) and one per thread
 // (libqv_cap_init_thread). Freeing an info clears every default that names it, so each thread

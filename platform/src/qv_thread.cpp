@@ -3,6 +3,7 @@
 
 #include "thread_master.h"
 
+#include "host_log.h"
 #include "qv_zlog.h"
 
 #include <event2/event.h>
@@ -49,9 +50,7 @@ qv_zlog_category_t *log_category()
     return cat;
 }
 
-#define QV_THREAD_LOG(level, ...)                                                                  \
-    qvdf_zlog(log_category(), __FILE__, sizeof(__FILE__) - 1, __func__, sizeof(__func__) - 1,     \
-              __LINE__, level, __VA_ARGS__)
+#define QV_THREAD_LOG(level, ...) QV_HOST_LOG(log_category(), level, __VA_ARGS__)
 
 void libevent_log(int severity, const char *msg)
 {

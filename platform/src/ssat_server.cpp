@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "host_log.h"
 #include "qv_zlog.h"
 #include "ssat_wire.h"
 
@@ -39,9 +40,7 @@ qv_zlog_category_t *log_category()
     return category;
 }
 
-#define SSAT_LOG(level, ...)                                                                       \
-    qvdf_zlog(log_category(), __FILE__, sizeof(__FILE__) - 1, __func__, std::strlen(__func__),     \
-              __LINE__, level, __VA_ARGS__)
+#define SSAT_LOG(level, ...) QV_HOST_LOG(log_category(), level, __VA_ARGS__)
 
 std::string errno_text(int err)
 {

@@ -45,7 +45,18 @@ struct ThreadRecord {
     }
 };
 
-thread_local std::unique_ptr<ThreadRecord> t_record;
+// The calling thread's record. A plain pointer (never destroyed itself) so that calls made after
+// the thread's cleanup, such as from static destructors at exit, find no record instead of a
+// destroyed one; the reaper frees the record when the thread ends without detaching.
+thread_local ThreadRecord *t_record = nullptr;
+struct ThreadRecordReaper {
+    ~ThreadRecordReaper()
+    {
+        delete t_record;
+        t_record = nullptr;
+    }
+};
+thread_local ThreadRecordReaper t_reaper;
 
 std::mutex g_default_mutex;      // g_default
 std::mutex g_default_make_mutex; // one qv_mom_glb_default() makes the glb at a time
@@ -56,7 +67,7 @@ bool db_ok(int db) { return db >= 0 && db < QV_MOM_DB_COUNT; }
 // The connection of an attached thread's own context; null (and a log line) for anything else.
 Connection *conn_of(void *context, const char *what)
 {
-    ThreadRecord *r = t_record.get();
+    ThreadRecord *r = t_record;
     if (context == nullptr || r == nullptr || context != &r->pub) {
         QV_MOM_LOG(QV_ZLOG_LEVEL_ERROR, "%s: no database context in this thread (%s)", what,
                    context == nullptr ? "null context" : "the thread has not attached it");
@@ -180,13 +191,18 @@ extern "C" qv_mom_thread_global_t *qv_mom_thread_attach(qv_mom_glb_t *glb, qv_th
     r->pub.conn = &r->conn;
     r->pub.master = master;
     r->pub.glb = glb;
-    t_record = std::move(r);
+    (void)&t_reaper; // makes sure the reaper exists in this thread
+    t_record = r.release();
     return &t_record->pub;
 }
 
-extern "C" void qv_mom_thread_detach(void) { t_record.reset(); }
+extern "C" void qv_mom_thread_detach(void)
+{
+    delete t_record;
+    t_record = nullptr;
+}
 
-extern "C" void *qv_mom_get_thread_local_global(void) { return t_record ? &t_record->pub : nullptr; }
+extern "C" void *qv_mom_get_thread_local_global(void) { return t_record != nullptr ? &t_record->pub : nullptr; }
 
 // ---- reads ----
 

@@ -2,14 +2,12 @@
 #ifndef QV_MOM_LOG_H
 #define QV_MOM_LOG_H
 
-#include "qv_zlog.h"
+#include "host_log.h"
 
 namespace qv::mom {
 qv_zlog_category_t *log_category();
 } // namespace qv::mom
 
-#define QV_MOM_LOG(level, ...)                                                                     \
-    qvdf_zlog(::qv::mom::log_category(), __FILE__, sizeof(__FILE__) - 1, __func__,                 \
-              sizeof(__func__) - 1, __LINE__, (level), __VA_ARGS__)
+#define QV_MOM_LOG(level, ...) QV_HOST_LOG(::qv::mom::log_category(), level, __VA_ARGS__)
 
 #endif // QV_MOM_LOG_H
