@@ -37,7 +37,7 @@ int ssat_socket_path(const char *module, char *buf, size_t size);
 /* The one output function of debug commands: the attached client while a command runs in the
  * shell, standard output otherwise. */
 int ssat_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
-int ssat_vprintf(const char *format, va_list ap);
+int ssat_vprintf(const char *format, va_list ap) __attribute__((format(printf, 1, 0)));
 /* The calling thread's output stream, as above. */
 FILE *ssat_out(void);
 
