@@ -2,9 +2,11 @@
 #ifndef LIBPMX_DBG_H
 #define LIBPMX_DBG_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "libpmx_export.h"
+#include "qv_thread.h"
 
 LIBPMX_BEGIN_DECLS
 
@@ -24,6 +26,37 @@ LIBPMX_API extern int32_t g_libpmx_zlog_level;
 /* The "libpmx" log category; null until the logging set-up has opened it. */
 struct qv_zlog_category;
 LIBPMX_API extern struct qv_zlog_category *g_libpmx_zlog_category;
+
+/* Root of the level files, "/data/dbg" unless the environment variable names another. */
+#define LIBPMX_DBG_DIR_ENV "PMX_DBG_DIR"
+#define LIBPMX_DBG_DIR_DEFAULT "/data/dbg"
+/* The longest temporary recording, in minutes. */
+#define LIBPMX_RECORD_MAX_MINUTES 15
+
+/* Opens the "libpmx" log category and reads the level file of name; 0 or -11. */
+LIBPMX_API int libpmx_dbg_zlog_init(const char *name);
+
+/* The level file of name: <root>/<name>/<name>_dbg while the directory <root>/<name> exists,
+ * else <root>/libpmx/libpmx_dbg. The length of the path, as snprintf. */
+LIBPMX_API int libpmx_dbg_level_file(const char *name, char *path, size_t size);
+
+/* Sets the debug level and prints the new level; -4 (and a printed reason) above 5. */
+LIBPMX_API int libpmx_dbg_set_dbg_level(unsigned level);
+
+/* Temporary recording: level 5 for min(minutes, 15) minutes on a timer of the calling thread's
+ * timer master, then back to 1. minutes below 1 stops a running recording and reverts. */
+LIBPMX_API void libpmx_dbg_record_log_tmp(int minutes);
+/* The recording timer's callback: forgets the timer and sets the level back to 1. */
+LIBPMX_API int libpmx_revert_dbg_level(qv_thread_t *thread);
+
+/* Registers the library's debug commands under the module name and starts serving them;
+ * 0 or -11. */
+LIBPMX_API int libpmx_dbg_ut_init(void *glb, const char *name);
+
+/* Debug-command handlers; args is the text after the command name. */
+LIBPMX_API int libpmx_dbg_cmd_set_dbg_level(const char *args);   /* "dbg_level=%d" */
+LIBPMX_API int libpmx_dbg_cmd_dump_dbg_level(const char *args);
+LIBPMX_API int libpmx_dbg_cmd_record_log_tmp(const char *args);  /* "minutes=%d" */
 
 LIBPMX_END_DECLS
 

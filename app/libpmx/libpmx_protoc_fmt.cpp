@@ -5,6 +5,7 @@
 
 #include "libpmx_errno.h"
 #include "libpmx_protoc_fmt.h"
+#include "ssat.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -239,7 +240,7 @@ extern "C" int libpmx_printf(libpmx_fmter_t *fmter, const char *fmt, ...)
     (void)fmter;
     va_list ap;
     va_start(ap, fmt);
-    const int res = std::vprintf(fmt, ap);
+    const int res = ssat_vprintf(fmt, ap); // the debug shell's client inside a command
     va_end(ap);
     if (res < 0) {
         PMX_ERROR("printf error %d, res %d", errno, res);

@@ -86,8 +86,9 @@ struct libpmx_fmter {
     int32_t flags;                         /* LIBPMX_FMT_* */
 };
 
-/* Sinks. libpmx_printf writes to standard output. libpmx_snprintf writes at fmter->buf: -4 for
- * a missing buffer, -11 on a formatting error, -6 when the buffer is (then) full. */
+/* Sinks. libpmx_printf writes to the debug-shell client while a command runs, to standard
+ * output otherwise. libpmx_snprintf writes at fmter->buf: -4 for a missing buffer, -11 on a
+ * formatting error, -6 when the buffer is (then) full. */
 LIBPMX_API int libpmx_printf(libpmx_fmter_t *fmter, const char *fmt, ...)
     __attribute__((format(printf, 2, 3)));
 LIBPMX_API int libpmx_snprintf(libpmx_fmter_t *fmter, const char *fmt, ...)

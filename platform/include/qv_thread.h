@@ -42,6 +42,9 @@ int qv_thread_master_run(qv_thread_master_t *master);
 int qv_thread_master_run_for(qv_thread_master_t *master, const struct timeval *limit);
 /* Makes a running loop return after the current callback; callable from any thread. */
 void qv_thread_master_break(qv_thread_master_t *master);
+/* Time left before a pending timer fires, into left; 0, or -1 when it is not pending.
+ * Call it from the thread that owns the timer's master. */
+int qv_thread_timer_remaining(const qv_thread_t *thread, struct timeval *left);
 /* Number of timers pending on the master. */
 unsigned qv_thread_master_pending(const qv_thread_master_t *master);
 

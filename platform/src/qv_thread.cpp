@@ -265,3 +265,18 @@ extern "C" int64_t qv_timeval_to_us(const struct timeval *tv)
     if (tv == nullptr) return 0;
     return static_cast<int64_t>(tv->tv_sec) * kUsecPerSec + tv->tv_usec;
 }
+
+extern "C" int qv_thread_timer_remaining(const qv_thread_t *thread, struct timeval *left)
+{
+    if (thread == nullptr || left == nullptr) return -1;
+    timeval expiry{};
+    if (event_pending(thread->ev, EV_TIMEOUT, &expiry) == 0) return -1;
+    timeval now{};
+    if (event_base_gettimeofday_cached(thread->master->base, &now) != 0) return -1;
+    // The expiry is on the base's clock; gettimeofday_cached reads the same clock.
+    int64_t us = qv_timeval_to_us(&expiry) - qv_timeval_to_us(&now);
+    if (us < 0) us = 0;
+    left->tv_sec = static_cast<time_t>(us / kUsecPerSec);
+    left->tv_usec = static_cast<suseconds_t>(us % kUsecPerSec);
+    return 0;
+}

@@ -25,6 +25,8 @@
 #include <vector>
 
 #include "host_log.h"
+#include "qv_mom.h"
+#include "qv_thread.h"
 #include "qv_zlog.h"
 #include "ssat_wire.h"
 
@@ -72,6 +74,7 @@ struct Session {
 thread_local FILE *t_out = nullptr;
 thread_local const std::string *t_module = nullptr;
 thread_local bool t_in_server = false;
+thread_local qv_thread_master_t *t_master = nullptr; // the shell thread's timer master
 
 int help_command(const char *args);
 
@@ -386,9 +389,24 @@ std::vector<Command> Server::commands(const std::string &module)
     return it != modules_.end() ? it->second.commands : std::vector<Command>{};
 }
 
+// Commands run like any platform thread's code: with a database context and a timer master
+// whose timers fire in this thread (polled every kTimerPollMs while any is pending). The context
+// lives for one command, so it never outlives the process's database handle.
+constexpr int kTimerPollMs = 100;
+
+bool attach_database(qv_thread_master_t *master)
+{
+    qv_mom_glb_t *glb = qv_mom_glb_default();
+    if (glb != nullptr && qv_mom_thread_attach(glb, master) != nullptr) return true;
+    SSAT_LOG(QV_ZLOG_LEVEL_WARN, "the shell thread has no database context; commands that read it fail");
+    return false;
+}
+
 void Server::loop(uint64_t generation)
 {
     t_in_server = true;
+    qv_thread_master_t *master = qv_thread_master_create("ssat");
+    t_master = master;
     std::vector<Session> sessions;
     std::vector<Listener> listeners;
     std::vector<pollfd> fds;
@@ -418,7 +436,10 @@ void Server::loop(uint64_t generation)
             fds.push_back({s.fd, POLLIN, 0});
         for (const auto &l : listeners)
             fds.push_back({l.fd, POLLIN, 0});
-        if (poll(fds.data(), fds.size(), -1) < 0) {
+        const int timeout = master != nullptr && qv_thread_master_pending(master) > 0 ? kTimerPollMs : -1;
+        const int ready = poll(fds.data(), fds.size(), timeout);
+        if (master != nullptr) qv_thread_master_run_for(master, nullptr);
+        if (ready < 0) {
             if (errno != EINTR)
                 SSAT_LOG(QV_ZLOG_LEVEL_ERROR, "poll failed: %s", errno_text(errno).c_str());
             continue;
@@ -441,6 +462,8 @@ void Server::loop(uint64_t generation)
     }
     for (const auto &s : sessions)
         close(s.fd);
+    t_master = nullptr;
+    if (master != nullptr) qv_thread_master_free(master);
 }
 
 void Server::accept_session(const Listener &l, std::vector<Session> *sessions)
@@ -515,9 +538,11 @@ void Server::run_line(Session &s, std::string_view line)
         reply_message(s, "cannot open the output stream", SSAT_E_NOMEM);
         return;
     }
+    const bool attached = attach_database(t_master);
     t_out = out;
     t_module = &s.module;
     int rc = fn(args.c_str());
+    if (attached) qv_mom_thread_detach();
     t_out = nullptr;
     t_module = nullptr;
     std::fclose(out);

@@ -1,0 +1,381 @@
+// Database reads: plain, hash and waiting reads through the calling thread's own database
+// context, the per-thread bar on waiting, block records of long waits, and the registration
+// of the library's data source.
+#define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_mom"
+#include "libpmx_log.h"
+
+#include "libpmx_mom.h"
+
+#include <pthread.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "libpmx_cap.h"
+#include "libpmx_lock.hpp"
+#include "libpmx_protoc_fmt.h"
+#include "p_dev.pb-c.h"
+#include "s_cluster.pb-c.h"
+#include "ssat.h"
+#include "u_intf.pb-c.h"
+
+libpmx_mom_ctx_t g_libpmx_mom = {nullptr, -1, 0};
+qv_mom_ab_t *g_libpmx_mom_ab = nullptr;
+
+namespace
+{
+
+// 1 while this thread may not wait (its last wait reached the limit).
+thread_local uint8_t t_no_block = 0;
+
+// One long wait: when, how long, where and who. The text follows the record in one block.
+struct BlockRecord {
+    BlockRecord *next;
+    BlockRecord *prev;
+    int32_t mono_begin_sec;
+    int32_t mono_begin_usec;
+    int32_t mono_end_sec;
+    int32_t mono_end_usec;
+    int32_t wall_begin_sec;
+    int32_t wall_begin_usec;
+    int32_t sleeps;
+    uint32_t db;
+    char *text() { return reinterpret_cast<char *>(this + 1); }
+};
+
+// Oldest first; guarded by the block-record lock.
+BlockRecord g_blocks = {&g_blocks, &g_blocks, 0, 0, 0, 0, 0, 0, 0, 0};
+pthread_rwlock_t g_block_lock = PTHREAD_RWLOCK_INITIALIZER;
+
+const char *proto_of(const qv_mom_key_t *key)
+{
+    if (key == nullptr || key->key == nullptr || key->key->descriptor == nullptr) return "(null)";
+    return key->key->descriptor->c_name;
+}
+
+void unlink_block(BlockRecord *r)
+{
+    r->prev->next = r->next;
+    r->next->prev = r->prev;
+}
+
+// Context of the calling thread, connected to db, and the key present: 0, or the read's code.
+int open_read(const qv_mom_key_t *key, int db, const char *func, void **context)
+{
+    void *ctx = qv_mom_get_thread_local_global();
+    if (ctx == nullptr) {
+        PMX_LOG_AS(func, LIBPMX_ZLOG_ERROR, "local global is NULL, proto %s", proto_of(key));
+        return LIBPMX_E_NO_DB;
+    }
+    const int rc = qv_mom_client_connect_sync(ctx, db);
+    if (rc != 0) {
+        PMX_LOG_AS(func, LIBPMX_ZLOG_ERROR, "connect db (%d) failed (%d), proto %s", db, rc, proto_of(key));
+        return LIBPMX_E_NO_DB;
+    }
+    // Absence is normal while the database fills: no message.
+    if (qv_mom_exists_sync(ctx, db, key) != 0) return LIBPMX_E_NOT_FOUND;
+    *context = ctx;
+    return LIBPMX_OK;
+}
+
+void keep_block_record(const qv_mom_key_t *key, int db, int sleeps, const timeval &mono_begin,
+                       const timeval &mono_end, const timeval &wall_begin)
+{
+    char text[1024] = {0};
+    char name[16] = {0};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    int len = at_snprintf(text, sizeof text, "%s, thread %ld, ", name, static_cast<long>(gettid()));
+    if (len > 0 && static_cast<size_t>(len) < sizeof text && key != nullptr && key->key != nullptr)
+        libpmx_protoc_format_message_to_buffer(text + len, sizeof text - static_cast<size_t>(len),
+                                               LIBPMX_FMT_COMPACT, key->key);
+    const size_t n = std::strlen(text);
+    auto *r = static_cast<BlockRecord *>(std::calloc(1, sizeof(BlockRecord) + n + 1));
+    if (r == nullptr) {
+        PMX_ERROR("mem error.");
+        return;
+    }
+    r->mono_begin_sec = static_cast<int32_t>(mono_begin.tv_sec);
+    r->mono_begin_usec = static_cast<int32_t>(mono_begin.tv_usec);
+    r->mono_end_sec = static_cast<int32_t>(mono_end.tv_sec);
+    r->mono_end_usec = static_cast<int32_t>(mono_end.tv_usec);
+    r->wall_begin_sec = static_cast<int32_t>(wall_begin.tv_sec);
+    r->wall_begin_usec = static_cast<int32_t>(wall_begin.tv_usec);
+    r->sleeps = sleeps;
+    r->db = static_cast<uint32_t>(db);
+    std::memcpy(r->text(), text, n + 1);
+    PMX_ERROR("block read db: %d, slept (0.1 sec) * %d", db, sleeps);
+    PMX_ERROR("block thread : %s", r->text());
+    {
+        pmx::WriteGuard guard(g_block_lock);
+        r->prev = g_blocks.prev;
+        r->next = &g_blocks;
+        g_blocks.prev->next = r;
+        g_blocks.prev = r;
+    }
+    pmx::WriteGuard guard(g_block_lock);
+    int kept = 0;
+    for (BlockRecord *p = g_blocks.prev; p != &g_blocks;) {
+        BlockRecord *older = p->prev;
+        if (++kept > LIBPMX_BLOCK_RECORDS_MAX) {
+            unlink_block(p);
+            std::free(p);
+        }
+        p = older;
+    }
+}
+
+int clear_no_block(qv_thread_t *)
+{
+    t_no_block = 0;
+    return 0;
+}
+
+} // namespace
+
+extern "C" int libpmx_get_info_from_db(const qv_mom_key_t *key, int db, libpmx_db_decode_fn decode, void *out)
+{
+    void *ctx = nullptr;
+    const int rc = open_read(key, db, __func__, &ctx);
+    if (rc != LIBPMX_OK) return rc;
+    int error = 0;
+    ProtobufCMessage *obj = qv_mom_get_sync(ctx, db, key, &error);
+    int ret = LIBPMX_E_FAIL;
+    if (obj != nullptr && error == 0) ret = decode(obj, out);
+    PMX_NOTICE("db %d, get proto %s, error %d", db, proto_of(key), error);
+    qv_mom_qv_obj_free(obj);
+    return ret;
+}
+
+extern "C" int libpmx_hget_info_from_db(const qv_mom_key_t *key, int db, libpmx_db_decode_fn decode, void *out)
+{
+    void *ctx = nullptr;
+    const int rc = open_read(key, db, __func__, &ctx);
+    if (rc != LIBPMX_OK) return rc;
+    PMX_NOTICE("db %d, hget proto %s", db, proto_of(key));
+    qv_mom_hash_res_t *res = qv_mom_hgetall_sync(ctx, db, key);
+    if (res == nullptr) {
+        PMX_ERROR("res is null, hget proto %s", proto_of(key));
+        return LIBPMX_E_FAIL;
+    }
+    if (res->value == nullptr) {
+        qv_mom_hash_res_free(res);
+        PMX_ERROR("res->value is null, hget proto %s", proto_of(key));
+        return LIBPMX_E_FAIL;
+    }
+    if (res->error_code != 0) {
+        const int code = res->error_code;
+        qv_mom_hash_res_free(res);
+        PMX_ERROR("res->error_code %d, hget proto %s", code, proto_of(key));
+        return LIBPMX_E_FAIL;
+    }
+    const int ret = decode(res->value, out);
+    qv_mom_hash_res_free(res);
+    return ret;
+}
+
+extern "C" int libpmx_getinfo_from_db_with_block(const qv_mom_key_t *key, int db, int use_hash,
+                                                 libpmx_db_decode_fn decode, void *out, int op)
+{
+    timeval wall_begin{}, mono_begin{}, mono_end{};
+    gettimeofday(&wall_begin, nullptr);
+    qv_monotime(&mono_begin);
+    int sleeps = 0;
+    int max = libpmx_cap_get_block_times();
+    int ret;
+    for (;;) {
+        ret = use_hash != 0 ? libpmx_hget_info_from_db(key, db, decode, out)
+                            : libpmx_get_info_from_db(key, db, decode, out);
+        if (ret == LIBPMX_OK || ret == LIBPMX_E_NO_DB || op != LIBPMX_READ_WAIT || t_no_block != 0) break;
+        usleep(LIBPMX_BLOCK_INTERVAL_US);
+        ++sleeps;
+        // Read anew on every pass, so the debug shell can shorten a running wait.
+        max = libpmx_cap_get_block_times();
+        if (sleeps >= max) break;
+    }
+    qv_monotime(&mono_end);
+    if (sleeps > 0 && sleeps >= max) {
+        libpmx_set_can_block_to_read_db(0);
+        libpmx_block_timer();
+        if (sleeps >= libpmx_cap_get_block_times())
+            keep_block_record(key, db, sleeps, mono_begin, mono_end, wall_begin);
+    } else if (sleeps > LIBPMX_BLOCK_RECORD_SLEEPS && g_libpmx_zlog_level > 1) {
+        keep_block_record(key, db, sleeps, mono_begin, mono_end, wall_begin);
+    }
+    if (ret != LIBPMX_OK && g_libpmx_zlog_level > 1)
+        PMX_WARN("%s, db %d, ret %d, slept %d, max %d, op %d, no_block %d", proto_of(key), db, ret, sleeps, max,
+                 op, t_no_block);
+    return ret;
+}
+
+extern "C" void libpmx_set_can_block_to_read_db(int can)
+{
+    t_no_block = can == 0 ? 1 : 0;
+}
+
+extern "C" int libpmx_no_block_to_read_db(void)
+{
+    return t_no_block;
+}
+
+extern "C" int libpmx_block_timer(void)
+{
+    auto *ctx = static_cast<qv_mom_thread_global_t *>(qv_mom_get_thread_local_global());
+    if (ctx == nullptr) {
+        PMX_ERROR("have't call libpmx_init");
+        return LIBPMX_E_FAIL;
+    }
+    // The timer fires in this thread, so the mark it clears is this thread's.
+    if (qv_thread_add_timer_timeval(ctx->master, clear_no_block, nullptr, LIBPMX_BLOCK_BAR_SECONDS, 0) == nullptr)
+        PMX_ERROR("block timer qv thread add timer failed");
+    return LIBPMX_OK;
+}
+
+extern "C" int libpmx_format_timeval(const struct timeval *tv, char *buf, size_t size)
+{
+    const time_t sec = tv->tv_sec;
+    struct tm tm{};
+    if (localtime_r(&sec, &tm) == nullptr) {
+        PMX_ERROR("time failed. %ld", static_cast<long>(sec));
+        return LIBPMX_E_FAIL;
+    }
+    const size_t n = std::strftime(buf, size, "%Y-%m-%d %H:%M:%S", &tm);
+    if (n == 0 || n >= size) {
+        PMX_ERROR("format error, str_len %zu", n);
+        return LIBPMX_E_FAIL;
+    }
+    std::snprintf(buf + n, size - n, " %06ld ", static_cast<long>(tv->tv_usec));
+    return LIBPMX_OK;
+}
+
+extern "C" void libpmx_dump_block_info(void)
+{
+    pmx::ReadGuard guard(g_block_lock);
+    ssat_printf("all blocking-records :\n");
+    int i = 0;
+    for (BlockRecord *r = g_blocks.next; r != &g_blocks; r = r->next) {
+        char wall[32] = {0}, begin[32] = {0}, end[32] = {0};
+        const timeval w{r->wall_begin_sec, r->wall_begin_usec};
+        const timeval b{r->mono_begin_sec, r->mono_begin_usec};
+        const timeval e{r->mono_end_sec, r->mono_end_usec};
+        libpmx_format_timeval(&w, wall, sizeof wall);
+        libpmx_format_timeval(&b, begin, sizeof begin);
+        libpmx_format_timeval(&e, end, sizeof end);
+        ssat_printf("walltime begin: %s ---- %d\n", wall, ++i);
+        ssat_printf("monotime begin: %s\n", begin);
+        ssat_printf("monotime end  : %s\n", end);
+        ssat_printf("read db: %d, slept (0.1 sec) * %d\n", static_cast<int>(r->db), r->sleeps);
+        ssat_printf("thread : %s\n\n", r->text());
+    }
+    ssat_printf("-- total %d --\n", i);
+}
+
+extern "C" void libpmx_clear_block_info(void)
+{
+    pmx::WriteGuard guard(g_block_lock);
+    while (g_blocks.next != &g_blocks) {
+        BlockRecord *r = g_blocks.next;
+        unlink_block(r);
+        std::free(r);
+    }
+}
+
+extern "C" int libpmx_dbg_cmd_set_block_times(const char *args)
+{
+    int times = 0;
+    if (args == nullptr || std::sscanf(args, "times=%d", &times) != 1) {
+        ssat_printf("usage: set_block_times times=%%d (>0)\n");
+        return LIBPMX_E_INVAL;
+    }
+    const int rc = libpmx_cap_set_block_times(times);
+    const int32_t limit = libpmx_cap_get_block_times();
+    const float minutes = static_cast<float>(limit) * 100000.0f / 1e6f / 60.0f;
+    ssat_printf("now max-block-times %d, block-interval %dus, = %.2f min\n", limit, LIBPMX_BLOCK_INTERVAL_US,
+                static_cast<double>(minutes));
+    return rc;
+}
+
+// ---- the library's data source ----
+
+namespace
+{
+
+constexpr const char *kOwner = "libpmx";
+
+// The subscribed records in their fixed order; a singleton uses its record for both.
+const qv_mom_key_desc_t kInKeys[LIBPMX_MOM_IN_KEYS] = {
+    {&p_dev__dp_lib_my_info__descriptor, &p_dev__dp_lib_my_info__descriptor, kOwner, LIBPMX_DB_DEV},
+    {&p_dev__local_port_info__descriptor, &p_dev__local_port_info__descriptor, kOwner, LIBPMX_DB_DEV},
+    {&p_dev__unit_cport_index__descriptor, &p_dev__unit_cport_info__descriptor, kOwner, LIBPMX_DB_DEV},
+    {&p_dev__dm_card_stattr_index__descriptor, &p_dev__dm_card_stattr_t__descriptor, kOwner, LIBPMX_DB_DEV},
+    {&p_dev__dp_lib_complete__descriptor, &p_dev__dp_lib_complete__descriptor, kOwner, LIBPMX_DB_DEV},
+    {&p_dev__card_info_index__descriptor, &p_dev__card_info__descriptor, kOwner, LIBPMX_DB_DEV},
+    {&p_dev__local_card_info_index__descriptor, &p_dev__local_card_port_ready__descriptor, kOwner, LIBPMX_DB_DEV},
+    {&s_cluster__ixn_lport_info__descriptor, &s_cluster__ixn_lport_info__descriptor, kOwner, LIBPMX_DB_CLUSTER},
+    {&s_cluster__ixn_lport_to_upt_index__descriptor, &s_cluster__ixn_lport_to_upt__descriptor, kOwner,
+     LIBPMX_DB_CLUSTER},
+    {&u_intf__ifx_index__descriptor, &u_intf__pmx_ifx_tbl__descriptor, kOwner, LIBPMX_DB_PMX},
+    {&u_intf__ifx_index__descriptor, &u_intf__pmx_sub_ap_intf__descriptor, kOwner, LIBPMX_DB_PMX},
+    {&u_intf__ifx_index__descriptor, &u_intf__pmx_sub_route_intf__descriptor, kOwner, LIBPMX_DB_PMX},
+    {&u_intf__phy_index__descriptor, &u_intf__pmx_phy_tbl__descriptor, kOwner, LIBPMX_DB_PMX},
+    {&u_intf__mod_index__descriptor, &u_intf__pmx_mod_tbl__descriptor, kOwner, LIBPMX_DB_PMX},
+    {&u_intf__card_address_id_index__descriptor, &u_intf__pmx_card_address_id__descriptor, kOwner, LIBPMX_DB_PMX},
+    {&p_dev__dp_lib_my_chss__descriptor, &p_dev__dp_lib_my_chss__descriptor, kOwner, LIBPMX_DB_DEV},
+};
+
+// Value of the snapshot option: existing records are delivered when the source starts.
+constexpr int kSnapshotOn = 1;
+
+} // namespace
+
+extern "C" const qv_mom_key_desc_t *libpmx_mom_in_keys(void)
+{
+    return kInKeys;
+}
+
+extern "C" int libpmx_mom_init(void *glb, const char *app_name)
+{
+    PMX_INFO("inkeys keys_num:%d, outkey keys_num:%d", LIBPMX_MOM_IN_KEYS, 0);
+    const int ds = qv_mom_reg_ds(g_libpmx_mom_ab, kInKeys, LIBPMX_MOM_IN_KEYS, nullptr, 0);
+    if (ds < 0) {
+        PMX_ERROR("reg ds fail, ds_id:%d\n", ds);
+        PMX_ERROR("libpmx ds register failed, ret:%d\n", ds);
+        return ds;
+    }
+    const int rc = qv_mom_set_ds_opt(g_libpmx_mom_ab, ds, QV_MOM_DS_OPT_SNAPSHOT, kSnapshotOn);
+    if (rc != 0) {
+        PMX_ERROR("reg ds opt fail, ds_id:%d value:%d ret:%d\n", ds, kSnapshotOn, rc);
+        return rc;
+    }
+    g_libpmx_mom.glb = glb;
+    g_libpmx_mom.ds = ds;
+    g_libpmx_mom.n_keys = LIBPMX_MOM_IN_KEYS;
+    PMX_INFO("[app_name:%s] data source %d registered", app_name, ds);
+    PMX_INFO("mom init success\n");
+    return LIBPMX_OK;
+}
+
+// ---- event lists of the timed event delivery ----
+
+namespace
+{
+
+// Pending sub-slot and sub-interface events, oldest first.
+libpmx_list_t g_sslot_events;
+libpmx_list_t g_subintf_events;
+pthread_mutex_t g_event_lock = PTHREAD_MUTEX_INITIALIZER;
+
+} // namespace
+
+extern "C" int libpmx_event_list_init(void)
+{
+    pthread_mutex_lock(&g_event_lock);
+    g_sslot_events.next = g_sslot_events.prev = &g_sslot_events;
+    g_subintf_events.next = g_subintf_events.prev = &g_subintf_events;
+    pthread_mutex_unlock(&g_event_lock);
+    return LIBPMX_OK;
+}

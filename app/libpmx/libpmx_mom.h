@@ -1,0 +1,164 @@
+/* Database access: plain, hash and waiting reads of the object database, block records of
+ * long waits, the typed record getters, and the library's data-source registration.
+ *
+ * Every read uses the calling thread's own database context (the thread must have attached
+ * to the database client) and takes no lock of this library. A waiting read retries every
+ * 0.1 s while the record is absent, up to "max-block-times" sleeps; a thread whose wait
+ * reached that limit is barred from waiting for 10 seconds. */
+#ifndef LIBPMX_MOM_H
+#define LIBPMX_MOM_H
+
+#include <stdint.h>
+
+#include "libpmx_errno.h"
+#include "libpmx_export.h"
+#include "libpmx_hash.h"
+#include "libpmx_intf.h"
+#include "libpmx_port.h"
+#include "qv_mom.h"
+
+LIBPMX_BEGIN_DECLS
+
+/* Databases of the library's records. */
+#define LIBPMX_DB_CLUSTER 0 /* cluster back-plane records */
+#define LIBPMX_DB_DEV 1     /* device and card records */
+#define LIBPMX_DB_PMX 26    /* interface, port, module, sub-interface and card-address tables */
+
+/* Sleep between the attempts of a waiting read, and how long a barred thread stays barred. */
+#define LIBPMX_BLOCK_INTERVAL_US 100000
+#define LIBPMX_BLOCK_BAR_SECONDS 10
+/* Block records kept, and the wait (in sleeps) above which a wait under the limit is kept. */
+#define LIBPMX_BLOCK_RECORDS_MAX 10
+#define LIBPMX_BLOCK_RECORD_SLEEPS 1500
+/* op of a waiting read that waits; any other makes it a single attempt. */
+#define LIBPMX_READ_WAIT 2
+
+/* A caller's decoder: copies what it needs from reply (the record object of a plain read,
+ * the value of a hash reply) into out. Its result is the read's result. */
+typedef int (*libpmx_db_decode_fn)(const void *reply, void *out);
+
+/* ---- reads ---- */
+
+/* One plain read: 0 or the decoder's result; -20 no context or connection; -7 absent; -11
+ * failed read. */
+LIBPMX_API int libpmx_get_info_from_db(const qv_mom_key_t *key, int db, libpmx_db_decode_fn decode,
+                                       void *out);
+/* One read of a hash record with all its fields; results as above. */
+LIBPMX_API int libpmx_hget_info_from_db(const qv_mom_key_t *key, int db, libpmx_db_decode_fn decode,
+                                        void *out);
+/* Reads (hash when use_hash) and, when op is 2 and the thread may wait, retries every 0.1 s
+ * while the read fails with anything but -20. The result of the last read. */
+LIBPMX_API int libpmx_getinfo_from_db_with_block(const qv_mom_key_t *key, int db, int use_hash,
+                                                 libpmx_db_decode_fn decode, void *out, int op);
+
+/* This thread's no-block mark: set it to !can, read it. */
+LIBPMX_API void libpmx_set_can_block_to_read_db(int can);
+LIBPMX_API int libpmx_no_block_to_read_db(void);
+/* Arms the 10-second timer that clears this thread's mark; 0, or -11 without a context. */
+LIBPMX_API int libpmx_block_timer(void);
+
+/* Block records (debug commands "dump_block_info" and "clear_block_info"). */
+LIBPMX_API void libpmx_dump_block_info(void);
+LIBPMX_API void libpmx_clear_block_info(void);
+/* Formats a time as "%Y-%m-%d %H:%M:%S %06ld " (local time), cut at size; 0 or -11. */
+LIBPMX_API int libpmx_format_timeval(const struct timeval *tv, char *buf, size_t size);
+/* Debug command "set_block_times": "times=%d (>0)". */
+LIBPMX_API int libpmx_dbg_cmd_set_block_times(const char *args);
+
+/* ---- the library's data source ---- */
+
+/* The library's database state. */
+typedef struct libpmx_mom_ctx {
+    void *glb;      /* the application's database client context, from libpmx_init */
+    int32_t ds;     /* the data source of the subscribed records, -1 before registration */
+    uint32_t n_keys; /* subscribed records */
+} libpmx_mom_ctx_t;
+LIBPMX_API extern libpmx_mom_ctx_t g_libpmx_mom;
+/* The library's own database client handle (a qv_mom_ab_t), made once per process. */
+LIBPMX_API extern qv_mom_ab_t *g_libpmx_mom_ab;
+
+/* Number of records the library subscribes to. */
+#define LIBPMX_MOM_IN_KEYS 16
+
+/* Registers the data source of the subscribed records and its options; 0 or the negative
+ * code of the failing registration. */
+LIBPMX_API int libpmx_mom_init(void *glb, const char *app_name);
+/* The key descriptors of the subscribed records, in their fixed order. */
+LIBPMX_API const qv_mom_key_desc_t *libpmx_mom_in_keys(void);
+
+/* Event lists of the timed event delivery; 0. */
+LIBPMX_API int libpmx_event_list_init(void);
+
+/* ---- typed record getters: one record kind each ---- */
+
+/* Local panel ports (database 1, hash): the port count, and up to capacity online ports. */
+LIBPMX_API int libpmx_get_local_port_from_localport_info(int32_t *lport_num, int32_t *online,
+                                                         uint32_t capacity, uint32_t *online_num);
+/* The local identity (database 1, hash), stored with libpmx_cache_set_my_info with the
+ * sub-slot as 0; info (five values, may be null) receives what was stored. */
+LIBPMX_API int libpmx_get_myinfo_from_dp_lib_myinfo(int32_t *info);
+/* The own chassis (database 1, hash): its device id, stored with libpmx_cache_set_my_chss. */
+LIBPMX_API int libpmx_get_devid_from_dplib_mychss(int32_t *dev_id);
+/* Completeness (database 1, hash): type 0 the local card, 1 the line cards, 2 all; another
+ * type gives 0. */
+LIBPMX_API int libpmx_get_dplib_complete_status(int type, unsigned char *status);
+/* Whether every card type's static attributes are published (database 1, hash); 0 unknown. */
+LIBPMX_API void libpmx_get_dm_stattr_complete(unsigned char *complete);
+
+/* Decoder of a p_dev.dm_card_stattr_t record into a libpmx_card_stattr_t: max_lport_id the
+ * highest lport over the port attributes of every chip (-1 when none), chip_num, max_port[u]
+ * the highest port of unit u (ports of units above 7 ignored), alloc_mode the four words of
+ * chipid_card_mode (zeros when absent), intraband_chip_num the switch count, virtual_unit_num
+ * the virtual chip count. 0, or -11 for a null argument. */
+LIBPMX_API int libpmx_dmcard_stattr_decode(const void *reply, void *out);
+/* Static attributes of a card type (database 1, plain), once the database reports them
+ * complete (retrying every 0.1 s, bounded like a waiting read). */
+LIBPMX_API int libpmx_get_lc_card_stattr(int32_t card_type, libpmx_card_stattr_t *out);
+/* Chip unit and port of panel port lport of a card type; -7 when the type has no such port. */
+LIBPMX_API int libpmx_get_static_port_from_dmcard_stattr(int32_t card_type, int32_t lport,
+                                                         int32_t *unit, int32_t *port);
+/* The power-supply attribute of a card type (0 or 1). */
+LIBPMX_API int libpmx_get_power_supply_from_dmcard_stattr(int32_t card_type, int32_t *power_supply);
+/* The number of virtual chip units of a card type. */
+LIBPMX_API int libpmx_get_virtual_unit_num_by_card_type(int32_t card_type, int32_t *num);
+
+/* The interface record of ifx and the physical-port record of phyid (database 26, hash, op). */
+LIBPMX_API int libpmx_get_info_from_pmx_ifx_tbl(uint32_t ifx, libpmx_intf_info_t *info, int op);
+LIBPMX_API int libpmx_get_info_from_pmx_phy_tbl(uint32_t phyid, libpmx_intf_info_t *info, int op);
+/* Sub-AP and sub-route records of ifx (database 26, plain, op). */
+LIBPMX_API int libpmx_get_sub_ap_info_from_db(uint32_t ifx, libpmx_sub_ap_info_t *out, int op);
+LIBPMX_API int libpmx_get_sub_route_info_from_db(uint32_t ifx, libpmx_sub_route_info_t *out, int op);
+
+/* The module table of a slot (database 26, hash), handed to the caller's decoder as a
+ * u_intf.pmx_mod_tbl record: waiting with op 2; the valid variant hands on only a table whose
+ * module ids are allocated (-7 otherwise); the last one waits with the caller's op. */
+LIBPMX_API int libpmx_get_info_from_pmx_mod_tbl(int32_t dev, int32_t slot, int32_t sslot,
+                                                libpmx_db_decode_fn decode, void *out);
+LIBPMX_API int libpmx_get_info_from_pmx_vaild_mod_tbl(int32_t dev, int32_t slot, int32_t sslot,
+                                                      libpmx_db_decode_fn decode, void *out);
+LIBPMX_API int libpmx_get_mod_tbl_from_dev_slot_sslot(int32_t dev, int32_t slot, int32_t sslot,
+                                                      libpmx_db_decode_fn decode, void *out, int op);
+
+/* Chip unit and port of a local panel port (database 1, plain). */
+LIBPMX_API int libpmx_get_info_from_lport(int32_t lport, int32_t *unit, int32_t *cport);
+/* Panel port, and unit type (0 physical, 1 logical), of a local unit and chip port
+ * (database 1, plain); -7 when the port has no panel port. */
+LIBPMX_API int libpmx_get_info_from_unit_port(int32_t unit, int32_t cport, int32_t *lport);
+LIBPMX_API int libpmx_get_unit_type_from_unit_port(int32_t unit, int32_t cport, int32_t *unit_type);
+/* Unit and port behind a back-plane panel port, and the back-plane port range (database 0,
+ * plain). */
+LIBPMX_API int libpmx_get_info_from_ixnlporttoupt(uint32_t lport, uint32_t *unit, uint32_t *port);
+LIBPMX_API int libpmx_get_info_from_ixn_lport_info(uint32_t *lport_base, uint32_t *lport_num);
+/* Card id of a card type and subcard type (database 26, plain, op). */
+LIBPMX_API int libpmx_get_cid_from_db(int32_t card_type, int32_t subcard_type, int32_t *cid, int op);
+/* Card type of the card in dev/slot/sslot (database 1, hash, op). */
+LIBPMX_API int libpmx_get_card_type_from_db(int32_t dev, int32_t slot, int32_t sslot, int32_t *card_type,
+                                            int op);
+/* Waits (op 2, the bar lifted first) until the sub-slot's ports are ready; the status byte
+ * starts as complete_status and takes the record's readiness. */
+LIBPMX_API int libpmx_get_subcard_ready_with_block(int32_t dev, int32_t slot, int32_t sslot,
+                                                   int32_t complete_status);
+
+LIBPMX_END_DECLS
+
+#endif /* LIBPMX_MOM_H */
