@@ -69,3 +69,46 @@ pmx_shell_test(bad_module EXPECT_FAIL ARGS "../x|echo" STDERR_REGEX "invalid mod
 # a failed command makes it fail.
 pmx_shell_test(session EXPECT_FAIL ARGS "demo" STDIN ${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_shell_session.in
   STDOUT_REGEX "^one\ntwo\nfailing with 2\n$" STDERR_REGEX "'fail' ended with code 2")
+
+# Records from a JSON file in the embedded store, which lives as long as one pmx run: every
+# command below loads the sample chassis itself.
+set(pmx_chassis ${PROJECT_SOURCE_DIR}/examples/chassis/small.json)
+function(pmx_db_test name)
+  pmx_tool_test(${name} ${ARGN})
+  # Each run starts the library's debug shell: a directory of its own, and no outside database.
+  set_tests_properties(pmx_tool_${name} PROPERTIES
+    ENVIRONMENT "PMX_DB=;PMX_RUN_DIR=${CMAKE_CURRENT_BINARY_DIR}/pmx_tool_run_${name}")
+endfunction()
+
+# The identity and card attributes as the library computes them from the records.
+pmx_db_test(whoami ARGS "whoami|--load|${pmx_chassis}"
+  EXPECT_STDOUT ${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_whoami_small.txt)
+# Without the identity record nothing can be told, and the tool does not wait for the card
+# attributes of an unknown card type.
+pmx_db_test(whoami_empty EXPECT_FAIL ARGS "whoami|--wait-seconds|0"
+  STDOUT_REGEX "  slot +unknown\n.*  max lport id +unknown\n"
+  STDERR_REGEX "pmx: no local identity: p_dev.dp_lib_my_info is not readable from database 1 of embedded\n")
+
+# A hash record keyed in hex (0x12d = 301), and a plain record with a two-field key.
+pmx_db_test(get_hash ARGS "get|--load|${pmx_chassis}|--compact|u_intf.pmx_ifx_tbl|0x12d"
+  STDOUT_REGEX "^UIntf__PmxIfxTbl-{index:UIntf__IfxIndex-{ifx:301},ifx:301,gphyid:0x0702040c,lphyid:0x0800000c,")
+pmx_db_test(get_plain ARGS "get|--load|${pmx_chassis}|--compact|u_intf.pmx_card_address_id|12|0"
+  STDOUT_REGEX "^UIntf__PmxCardAddressId-{index:UIntf__CardAddressIdIndex-{card_type:12,subcard_type:0},card_pmx_id:2,subcard_pmx_id:0}\n$")
+pmx_db_test(get_missing EXPECT_FAIL ARGS "get|--load|${pmx_chassis}|p_dev.card_info|0|1|9|0"
+  STDERR_REGEX "(^|\n)pmx: p_dev.card_info t_mod=0 devid=1 slotid=9 sslotid=0 is not in database 1\n")
+pmx_db_test(get_other_form EXPECT_FAIL ARGS "get|--load|${pmx_chassis}|--form|plain|u_intf.pmx_ifx_tbl|301"
+  STDERR_REGEX "reading u_intf.pmx_ifx_tbl ifx=301 as a plain record from database 26 failed")
+pmx_db_test(get_key_count EXPECT_FAIL ARGS "get|u_intf.pmx_mod_tbl|1|3"
+  STDERR_REGEX "pmx: u_intf.pmx_mod_tbl is keyed by devid slotid sslotid: give 3 values\n")
+
+# Edge values of each integer width, hex strings, an enum by number, bytes with blanks and 0x.
+pmx_db_test(load_values ARGS "get|--load|${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_load_values.json|--compact|p_dev.dm_card_stattr_t|7"
+  STDOUT_REGEX "mgmt_type:23-MGMT,cpu_name_array:\\[\"cpu\\|0\",\"\"\\],.*,lport:-2147483648,.*,intf_attr:-9223372036854775808,.*,cap_flag:9223372036854775807,.*,mac_attr:PDev__DmPortMacAttr-{use_card_mac:true,mac_offset:0,mac_addr:6-bytes-02504D000103},.*,phy_channel:4294967295,")
+# An error deep in a record names the file, the record and the field path.
+pmx_db_test(load_bad_field EXPECT_FAIL ARGS "load|${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_load_bad_field.json"
+  STDERR_REGEX "pmx_load_bad_field.json: record 2 \\(p_dev.dm_card_stattr_t\\): value.chip_attr_array\\[0\\].port_attr\\[1\\].lport: 4294967296 is out of range for int32\n")
+
+# Several processes on one Redis server.
+add_test(NAME pmx_tool_redis
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/pmx_tool_redis.sh $<TARGET_FILE:pmx_tool> ${PROJECT_SOURCE_DIR})
+set_tests_properties(pmx_tool_redis PROPERTIES TIMEOUT 60)

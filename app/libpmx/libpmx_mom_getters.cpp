@@ -3,12 +3,10 @@
 #define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_mom_getters"
 #include "libpmx_log.h"
 
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "libpmx_cap.h"
 #include "libpmx_errno.h"
 #include "libpmx_mom.h"
 #include "p_dev.pb-c.h"
@@ -101,6 +99,12 @@ int decode_dm_stattr_complete(const void *reply, void *out)
 {
     *static_cast<unsigned char *>(out) = rec<PDev__DmStattrComplete>(reply)->all_complete != 0;
     return LIBPMX_OK;
+}
+
+// Succeeds only once every card type's attributes are published, so a waiting read waits for it.
+int decode_dm_stattr_all_complete(const void *reply, void *)
+{
+    return rec<PDev__DmStattrComplete>(reply)->all_complete != 0 ? LIBPMX_OK : LIBPMX_E_NOT_FOUND;
 }
 
 // The body of libpmx_get_dm_stattr_complete, with the read's result for the wait on it.
@@ -470,23 +474,14 @@ extern "C" int libpmx_get_lc_card_stattr(int32_t card_type, libpmx_card_stattr_t
         PMX_ERROR("out is null, card_type:%d", card_type);
         return LIBPMX_E_FAIL;
     }
-    // The attributes of a card type are only whole once the database says all are published;
-    // wait for that like a waiting read, then read what there is.
-    // Without a database context or connection waiting cannot help.
-    unsigned char complete = 0;
-    int32_t slept = 0;
-    int rc = read_dm_stattr_complete(&complete);
-    while (complete == 0 && rc != LIBPMX_E_NO_DB && libpmx_no_block_to_read_db() == 0 &&
-           slept < libpmx_cap_get_block_times()) {
-        usleep(LIBPMX_BLOCK_INTERVAL_US);
-        ++slept;
-        rc = read_dm_stattr_complete(&complete);
-    }
-    if (complete == 0)
-        PMX_WARN("card_type:%d, dm_stattr not complete, slept (0.1 sec) * %d, max %d, no_block %d",
-                 card_type, slept, libpmx_cap_get_block_times(), libpmx_no_block_to_read_db());
-    else if (slept > 0)
-        PMX_INFO("card_type:%d, dm_stattr complete after slept (0.1 sec) * %d", card_type, slept);
+    // The attributes of a card type are only whole once the database says all are published:
+    // a waiting read of the completeness record (bar and block records as for any wait), then
+    // a read of what there is.
+    const PDev__DmStattrComplete self = P_DEV__DM_STATTR_COMPLETE__INIT;
+    const qv_mom_key_t done_key = key_of(self);
+    int rc = libpmx_getinfo_from_db_with_block(&done_key, LIBPMX_DB_DEV, 1, decode_dm_stattr_all_complete, nullptr,
+                                               LIBPMX_READ_WAIT);
+    if (rc != 0) PMX_WARN("card_type:%d, dm_stattr not complete (%d), read what there is", card_type, rc);
 
     PDev__DmCardStattrIndex index = P_DEV__DM_CARD_STATTR_INDEX__INIT;
     index.type = card_type;

@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# pmx on a private Redis server: what one process loads, other processes read (the library's
+# start-up and reads included), each record lands in the database and form the library reads,
+# and a record printed by get --json loads back as the same record.
+# Usage: pmx_tool_redis.sh <pmx executable> <source dir>
+set -euo pipefail
+
+pmx=${1:?usage: $0 <pmx> <source dir>}
+root=${2:?usage: $0 <pmx> <source dir>}
+chassis=$root/examples/chassis/small.json
+dir=$(mktemp -d "${TMPDIR:-/tmp}/pmx-tool.XXXXXX")
+trap '"$root/scripts/redis-private" stop "$dir" || true; rm -rf "$dir"' EXIT
+url=$("$root/scripts/redis-private" start "$dir")
+export PMX_RUN_DIR=$dir/run
+unset PMX_DB
+
+fail() {
+  echo "FAIL: $*" >&2
+  exit 1
+}
+
+out=$("$pmx" load --db "$url" "$chassis")
+[[ $out == "loaded 17 records into $url" ]] || fail "load printed '$out'"
+
+out=$("$pmx" get --db "$url" --compact u_intf.pmx_mod_tbl 1 3 0)
+[[ $out == *"index:UIntf__ModIndex-{devid:1,slotid:3,sslotid:0},status:1-MODID_VALID,gslot:3,"*"id:[4,5],"* ]] ||
+  fail "get of the module table printed '$out'"
+
+out=$(PMX_DB=$url "$pmx" whoami)
+diff -u "$root/tests/data/pmx_whoami_small.txt" - <<<"$out" || fail "whoami differs"
+
+# Database and form of each kind as the library reads it.
+while read -r db key type; do
+  got=$(redis-cli -s "$dir/redis.sock" -n "$db" type "$key")
+  [[ $got == "$type" ]] || fail "$key in database $db is '$got', expected $type"
+done <<'EOF'
+26 u_intf.pmx_ifx_tbl|301 hash
+26 u_intf.pmx_mod_tbl|1|3|0 hash
+26 u_intf.pmx_card_address_id|12|0 string
+1 p_dev.dp_lib_my_info hash
+1 p_dev.card_info|0|1|3|0 hash
+1 p_dev.dm_card_stattr_t|12 string
+1 p_dev.local_port_info hash
+EOF
+
+# Enums, bytes, nested and repeated messages survive the way out as JSON and back.
+for args in "p_dev.dm_card_stattr_t 12" "p_dev.dp_lib_my_info"; do
+  # shellcheck disable=SC2086 # the record name and its key words
+  "$pmx" get --db "$url" --json $args >"$dir/record.json"
+  # shellcheck disable=SC2086
+  stored=$("$pmx" get --db "$url" --compact $args)
+  # shellcheck disable=SC2086
+  reloaded=$("$pmx" get --db embedded --load "$dir/record.json" --compact $args)
+  [[ $stored == "$reloaded" ]] || fail "$args changed through JSON: '$stored' became '$reloaded'"
+done
+echo "pmx on $url: load, get, whoami and JSON round trip passed"

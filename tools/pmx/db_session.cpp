@@ -1,0 +1,111 @@
+#include "db_session.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+
+namespace pmx_tool
+{
+namespace
+{
+
+void fail(const std::string &text)
+{
+    std::fprintf(stderr, "pmx: %s\n", text.c_str());
+}
+
+} // namespace
+
+void add_db_options(CLI::App *sub, DbOptions *opt)
+{
+    sub->add_option("--db", opt->url,
+                    "Database URL: embedded, redis://HOST:PORT or unix:///path/redis.sock "
+                    "(default: $PMX_DB, else embedded)")
+        ->type_name("URL");
+    sub->add_option("--load", opt->loads,
+                    "Write the records of this JSON file into the database first (repeatable; "
+                    "the embedded store lives only as long as the command)")
+        ->type_name("FILE")
+        ->allow_extra_args(false); // one file per --load: what follows it stays positional
+}
+
+std::string mom_error_text(int code)
+{
+    switch (code) {
+    case QV_MOM_E_INVAL:
+        return "invalid request";
+    case QV_MOM_E_NOMEM:
+        return "out of memory";
+    case QV_MOM_E_CONN:
+        return "no connection to the server";
+    case QV_MOM_E_SERVER:
+        return "the server refused it";
+    case QV_MOM_E_DECODE:
+        return "the stored value does not unpack";
+    default:
+        return "error " + std::to_string(code);
+    }
+}
+
+DbSession::~DbSession()
+{
+    if (attached_) qv_mom_thread_detach();
+    if (glb_ != nullptr) qv_mom_glb_destroy(glb_);
+}
+
+bool DbSession::open(const DbOptions &opt)
+{
+    char err[256] = "";
+    glb_ = qv_mom_glb_create(opt.url.c_str(), err, sizeof err);
+    if (glb_ == nullptr) {
+        fail("cannot open the database" + (opt.url.empty() ? std::string() : " " + opt.url) + ": " +
+             err);
+        return false;
+    }
+    if (qv_mom_thread_attach(glb_, nullptr) == nullptr) {
+        fail("cannot attach to the database " + url());
+        return false;
+    }
+    attached_ = true;
+    for (const auto &file : opt.loads) {
+        if (load(file) < 0) return false;
+    }
+    return true;
+}
+
+std::string DbSession::url() const
+{
+    const char *u = qv_mom_glb_url(glb_);
+    return u != nullptr ? u : "";
+}
+
+int DbSession::write(const Record &record)
+{
+    void *context = qv_mom_get_thread_local_global();
+    qv_mom_key_t key{record.key, record.kind()};
+    if (record.form == Form::Hash)
+        return qv_mom_hset_sync(context, record.db, &key, record.value.get(), nullptr, 0);
+    return qv_mom_set_sync(context, record.db, &key, record.value.get());
+}
+
+long DbSession::load(const std::string &path)
+{
+    std::vector<Record> records;
+    std::string error;
+    if (!read_record_file(path, &records, &error)) {
+        fail(error);
+        return -1;
+    }
+    for (size_t i = 0; i < records.size(); ++i) {
+        int rc = write(records[i]);
+        if (rc != QV_MOM_OK) {
+            fail(path + ": record " + std::to_string(i + 1) + " (" + records[i].kind()->name +
+                 "): cannot write it to database " + std::to_string(records[i].db) + " of " +
+                 url() + ": " + mom_error_text(rc));
+            return -1;
+        }
+    }
+    return static_cast<long>(records.size());
+}
+
+} // namespace pmx_tool
