@@ -22,7 +22,8 @@ typedef struct qv_zlog_category qv_zlog_category_t;
 
 /* Opens (or returns the already open) category of that name; null on failure.
  * The sink is standard error, or the file named by PMX_LOG_FILE, or syslog when
- * PMX_LOG_SYSLOG is set to a non-empty value. */
+ * PMX_LOG_SYSLOG is set to a non-empty value. Lines below $PMX_LOG_LEVEL (debug, info, warn,
+ * error) are not written; the capture hook still sees them. */
 qv_zlog_category_t *qv_zlog_init(const char *category);
 
 /* Writes one log line; the file, function and line travel as the source location. */

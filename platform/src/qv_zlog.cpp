@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 struct qv_zlog_category {
     std::shared_ptr<spdlog::logger> logger;
@@ -36,6 +37,16 @@ spdlog::sink_ptr make_sink()
     return std::make_shared<spdlog::sinks::stderr_sink_mt>();
 }
 
+// Lowest level written: $PMX_LOG_LEVEL (debug, info, warn or error), everything by default.
+// Callers' own gates (the library's debug level) come first; this only trims the sink.
+spdlog::level::level_enum sink_threshold()
+{
+    const char *name = std::getenv("PMX_LOG_LEVEL");
+    if (name == nullptr || *name == '\0') return spdlog::level::trace;
+    const spdlog::level::level_enum level = spdlog::level::from_str(name);
+    return level == spdlog::level::off && std::string_view(name) != "off" ? spdlog::level::trace : level;
+}
+
 spdlog::level::level_enum to_spdlog(int level)
 {
     if (level >= QV_ZLOG_LEVEL_ERROR) return spdlog::level::err;
@@ -56,7 +67,7 @@ extern "C" qv_zlog_category_t *qv_zlog_init(const char *category)
         if (!g_sink) g_sink = make_sink();
         auto cat = std::make_unique<qv_zlog_category>();
         cat->logger = std::make_shared<spdlog::logger>(category, g_sink);
-        cat->logger->set_level(spdlog::level::trace);
+        cat->logger->set_level(sink_threshold());
         cat->logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %n %^%l%$ %s:%# %! %v");
         auto *raw = cat.get();
         g_categories.emplace(category, std::move(cat));

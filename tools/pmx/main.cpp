@@ -1,12 +1,15 @@
 // pmx: the command-line tool of libpmx.
 #include <CLI/CLI.hpp>
 
+#include <cstdlib>
 #include <vector>
 
 #include "commands.h"
 
 int main(int argc, char **argv)
 {
+    // A command-line run shows the platform's warnings and errors, not its progress lines.
+    setenv("PMX_LOG_LEVEL", "warn", 0);
     CLI::App app{"Inspect and drive libpmx, the port identity mapping library.", "pmx"};
     app.set_version_flag("--version", PMX_TOOL_VERSION);
     app.require_subcommand(1);
