@@ -154,8 +154,8 @@ LIBPMX_API int libpmx_get_cid_from_db(int32_t card_type, int32_t subcard_type, i
 /* Card type of the card in dev/slot/sslot (database 1, hash, op). */
 LIBPMX_API int libpmx_get_card_type_from_db(int32_t dev, int32_t slot, int32_t sslot, int32_t *card_type,
                                             int op);
-/* Waits (op 2, the bar lifted first) until the sub-slot's ports are ready; the status byte
- * starts as complete_status and takes the record's readiness. */
+/* Waits (op 2, the bar lifted first) for the sub-slot's port-readiness record: with
+ * complete_status 0 until the record exists, with 1 until it also says the ports are ready. */
 LIBPMX_API int libpmx_get_subcard_ready_with_block(int32_t dev, int32_t slot, int32_t sslot,
                                                    int32_t complete_status);
 
