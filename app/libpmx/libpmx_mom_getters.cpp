@@ -3,7 +3,6 @@
 #define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_mom_getters"
 #include "libpmx_log.h"
 
-
 #include <algorithm>
 #include <cstring>
 
@@ -105,19 +104,6 @@ int decode_dm_stattr_complete(const void *reply, void *out)
 int decode_dm_stattr_all_complete(const void *reply, void *)
 {
     return rec<PDev__DmStattrComplete>(reply)->all_complete != 0 ? LIBPMX_OK : LIBPMX_E_NOT_FOUND;
-}
-
-// The body of libpmx_get_dm_stattr_complete, with the read's result for the wait on it.
-int read_dm_stattr_complete(unsigned char *complete)
-{
-    *complete = 0;
-    const PDev__DmStattrComplete self = P_DEV__DM_STATTR_COMPLETE__INIT;
-    const qv_mom_key_t key = key_of(self);
-    const int rc =
-        libpmx_hget_info_from_db(&key, LIBPMX_DB_DEV, decode_dm_stattr_complete, complete);
-    PMX_LOG_AS("libpmx_get_dm_stattr_complete", LIBPMX_ZLOG_INFO, "ret %d, dm_stattr_complete %d",
-               rc, *complete);
-    return rc;
 }
 
 // ---- card-type static attributes ----
@@ -429,7 +415,11 @@ extern "C" void libpmx_get_dm_stattr_complete(unsigned char *complete)
         PMX_ERROR("param is NULL");
         return;
     }
-    read_dm_stattr_complete(complete);
+    *complete = 0;
+    const PDev__DmStattrComplete self = P_DEV__DM_STATTR_COMPLETE__INIT;
+    const qv_mom_key_t key = key_of(self);
+    const int rc = libpmx_hget_info_from_db(&key, LIBPMX_DB_DEV, decode_dm_stattr_complete, complete);
+    PMX_INFO("ret %d, dm_stattr_complete %d", rc, *complete);
 }
 
 // ---- card-type static attributes ----
