@@ -32,8 +32,9 @@ extern "C" int libpmx_cap_init(void *glb, const char *app_name)
     if (g_cap_info == nullptr) {
         const int rc = libqv_cap_ctrl_info_init(&g_cap_info, nullptr);
         if (rc != LIBQV_CAP_OK) {
-            PMX_ERROR("[app_name:%s] capability data not loaded (%d), defaults kept", app_name, rc);
-            return rc;
+            PMX_ERROR("[app_name:%s] capability data not loaded (platform code %d), defaults kept, ret:%d", app_name,
+                      rc, LIBPMX_E_FAIL);
+            return LIBPMX_E_FAIL;
         }
     }
     int32_t times = 0;

@@ -15,7 +15,8 @@ LIBPMX_BEGIN_DECLS
 /* At load: the defaults. Always 0. */
 LIBPMX_API int libpmx_cap_pre_init(void);
 /* At start-up: loads the capability data ($PMX_CAP_FILE or the installed default) and takes
- * the values it has. 0, or the capability library's negative code (the defaults stay). */
+ * the values it has. 0, or -11 when the data cannot be loaded (the defaults stay; the platform's
+ * code is logged). */
 LIBPMX_API int libpmx_cap_init(void *glb, const char *app_name);
 
 /* Maximum number of 0.1 s sleeps of a waiting database read. */

@@ -9,17 +9,24 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <string>
+#include <string_view>
 
 #include "libpmx.h"
 #include "libpmx_errno.h"
-#include "libpmx_mom.h"
 #include "qv_mom.h"
-#include "ssat.h"
 
 namespace
 {
 
-constexpr const char *kLevelNames = "OFF:0, ERROR:1 WARM:2 NOTICE:3 INFO:4 DEBUG:5";
+// A refused level prints this whole; the help and usage lines show its list of level names.
+constexpr char kRefusedLevel[] = "set_val=%d invalid. OFF:0, ERROR:1 WARM:2 NOTICE:3 INFO:4 DEBUG:5\n";
+constexpr std::string_view kLevelNames = [] {
+    constexpr std::string_view text(kRefusedLevel);
+    const size_t begin = text.find(". ") + 2;
+    return text.substr(begin, text.size() - 1 - begin);
+}();
 
 const char *dbg_root()
 {
@@ -29,7 +36,7 @@ const char *dbg_root()
 
 void print_level()
 {
-    ssat_printf("proc_name=%s, dbg_level=%d\n", "libpmx", g_libpmx_zlog_level);
+    ssat_printf("proc_name=%s, dbg_level=%d\n", "libpmx", pmx::log_level());
 }
 
 // Cancels the running recording, if any; with revert, the level goes back to 1.
@@ -44,35 +51,44 @@ void stop_recording(bool revert)
     }
 }
 
-// The shell's wrappers of commands that take no argument.
-int cmd_dump_block_info(const char *)
-{
-    libpmx_dump_block_info();
-    return LIBPMX_OK;
-}
-
-int cmd_clear_block_info(const char *)
-{
-    libpmx_clear_block_info();
-    return LIBPMX_OK;
-}
-
-struct DebugCommand {
-    const char *name;
-    const char *help;
-    ssat_cmd_fn fn;
-};
-
-const DebugCommand kCommands[] = {
-    {"set_dbg_level", "dbg_level=%d  (OFF:0, ERROR:1 WARM:2 NOTICE:3 INFO:4 DEBUG:5)",
-     libpmx_dbg_cmd_set_dbg_level},
+const std::string kSetLevelHelp = "dbg_level=%d  (" + std::string(kLevelNames) + ")";
+const libpmx_dbg_cmd_t kLevelCommands[] = {
+    {"set_dbg_level", kSetLevelHelp.c_str(), libpmx_dbg_cmd_set_dbg_level},
     {"dump_dbg_level", "print the debug level", libpmx_dbg_cmd_dump_dbg_level},
-    {"record_log_tmp", "minutes=%d  (debug level for at most 15 minutes, then ERROR)",
-     libpmx_dbg_cmd_record_log_tmp},
-    {"dump_block_info", "print the records of long database waits", cmd_dump_block_info},
-    {"clear_block_info", "forget the records of long database waits", cmd_clear_block_info},
-    {"set_block_times", "times=%d (>0)", libpmx_dbg_cmd_set_block_times},
+    {"record_log_tmp", "minutes=%d  (debug level for at most 15 minutes, then ERROR)", libpmx_dbg_cmd_record_log_tmp},
 };
+
+// The command tables the subsystems handed over, and the module serving them once started.
+struct CommandTables {
+    static constexpr uint32_t kMax = 16;
+    std::mutex mu;
+    struct Table {
+        const libpmx_dbg_cmd_t *cmds;
+        uint32_t n;
+    } tables[kMax] = {};
+    uint32_t n_tables = 0;
+    std::string module; // empty until the shell serves
+};
+
+CommandTables &command_tables()
+{
+    static CommandTables *t = new CommandTables; // outlives static destruction: the shell may still run
+    return *t;
+}
+
+// Registers one table with the shell; a command already registered (a repeated start-up) is fine.
+int serve_table(const std::string &module, const libpmx_dbg_cmd_t *cmds, uint32_t n)
+{
+    for (uint32_t i = 0; i < n; ++i) {
+        const int rc = ssat_multi_thread_reg_mod_cmd(module.c_str(), cmds[i].name, cmds[i].help, cmds[i].fn);
+        if (rc != SSAT_OK && rc != SSAT_E_EXISTS) {
+            PMX_LOG_AS("libpmx_dbg_ut_init", LIBPMX_ZLOG_ERROR, "debug command %s of %s not registered, ret:%d",
+                       cmds[i].name, module.c_str(), rc);
+            return LIBPMX_E_FAIL;
+        }
+    }
+    return LIBPMX_OK;
+}
 
 } // namespace
 
@@ -97,19 +113,19 @@ extern "C" int libpmx_dbg_zlog_init(const char *name)
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return LIBPMX_OK; // no file: the level stays
     char text[17] = {0};
-    if (read(fd, text, 16) > 0) g_libpmx_zlog_level = static_cast<int32_t>(std::strtol(text, nullptr, 10));
+    if (read(fd, text, 16) > 0) pmx::set_log_level(static_cast<int32_t>(std::strtol(text, nullptr, 10)));
     close(fd);
-    PMX_INFO("level file %s: dbg_level=%d", path, g_libpmx_zlog_level);
+    PMX_INFO("level file %s: dbg_level=%d", path, pmx::log_level());
     return LIBPMX_OK;
 }
 
 extern "C" int libpmx_dbg_set_dbg_level(unsigned level)
 {
     if (level > 5) {
-        ssat_printf("set_val=%d invalid. %s\n", static_cast<int>(level), kLevelNames);
+        ssat_printf(kRefusedLevel, static_cast<int>(level));
         return LIBPMX_E_INVAL;
     }
-    g_libpmx_zlog_level = static_cast<int32_t>(level);
+    pmx::set_log_level(static_cast<int32_t>(level));
     print_level();
     return LIBPMX_OK;
 }
@@ -118,7 +134,7 @@ extern "C" int libpmx_revert_dbg_level(qv_thread_t *thread)
 {
     g_libpmx.record_timer = nullptr;
     PMX_WARN("stop recording log, qv_thread %p", static_cast<void *>(thread));
-    g_libpmx_zlog_level = 1;
+    pmx::set_log_level(1);
     print_level();
     return 0;
 }
@@ -144,7 +160,7 @@ extern "C" void libpmx_dbg_record_log_tmp(int minutes)
     }
     stop_recording(false);
     g_libpmx.record_timer = timer;
-    g_libpmx_zlog_level = 5;
+    pmx::set_log_level(5);
     print_level();
     ssat_printf("start recording log for %d minutes. \n", m);
     PMX_WARN("start recording log for %d minutes.", m);
@@ -154,7 +170,8 @@ extern "C" int libpmx_dbg_cmd_set_dbg_level(const char *args)
 {
     int level = 0;
     if (args == nullptr || std::sscanf(args, "dbg_level=%d", &level) != 1) {
-        ssat_printf("usage: set_dbg_level dbg_level=%%d  (%s)\n", kLevelNames);
+        ssat_printf("usage: set_dbg_level dbg_level=%%d  (%.*s)\n", static_cast<int>(kLevelNames.size()),
+                    kLevelNames.data());
         return LIBPMX_E_INVAL;
     }
     return libpmx_dbg_set_dbg_level(static_cast<unsigned>(level));
@@ -177,20 +194,40 @@ extern "C" int libpmx_dbg_cmd_record_log_tmp(const char *args)
     return LIBPMX_OK;
 }
 
+extern "C" int libpmx_dbg_add_cmds(const libpmx_dbg_cmd_t *cmds, uint32_t n)
+{
+    if (cmds == nullptr) {
+        PMX_ERROR("cmds is null, n:%u", n);
+        return LIBPMX_E_INVAL;
+    }
+    CommandTables &t = command_tables();
+    std::lock_guard<std::mutex> lock(t.mu);
+    for (uint32_t i = 0; i < t.n_tables; ++i) {
+        if (t.tables[i].cmds == cmds) return LIBPMX_OK;
+    }
+    if (t.n_tables == CommandTables::kMax) {
+        PMX_ERROR("no room for the commands of %s (%u tables)", cmds[0].name, CommandTables::kMax);
+        return LIBPMX_E_NOMEM;
+    }
+    t.tables[t.n_tables++] = {cmds, n};
+    return t.module.empty() ? LIBPMX_OK : serve_table(t.module, cmds, n);
+}
+
 extern "C" int libpmx_dbg_ut_init(void *glb, const char *name)
 {
     (void)glb;
-    int rc = ssat_multi_thread_init(name);
+    const int rc = ssat_multi_thread_init(name);
     if (rc != SSAT_OK) {
-        PMX_ERROR("debug shell of %s not started, ret:%d", name, rc);
+        PMX_ERROR("debug shell of %s not started, shell code %d, ret:%d", name, rc, LIBPMX_E_FAIL);
         return LIBPMX_E_FAIL;
     }
-    for (const DebugCommand &c : kCommands) {
-        rc = ssat_multi_thread_reg_mod_cmd(name, c.name, c.help, c.fn);
-        if (rc != SSAT_OK && rc != SSAT_E_EXISTS) {
-            PMX_ERROR("debug command %s of %s not registered, ret:%d", c.name, name, rc);
-            return LIBPMX_E_FAIL;
-        }
+    CommandTables &t = command_tables();
+    std::lock_guard<std::mutex> lock(t.mu);
+    t.module = name;
+    if (serve_table(t.module, kLevelCommands, sizeof kLevelCommands / sizeof kLevelCommands[0]) != LIBPMX_OK)
+        return LIBPMX_E_FAIL;
+    for (uint32_t i = 0; i < t.n_tables; ++i) {
+        if (serve_table(t.module, t.tables[i].cmds, t.tables[i].n) != LIBPMX_OK) return LIBPMX_E_FAIL;
     }
     return LIBPMX_OK;
 }

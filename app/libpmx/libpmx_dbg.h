@@ -7,6 +7,7 @@
 
 #include "libpmx_export.h"
 #include "qv_thread.h"
+#include "ssat.h"
 
 LIBPMX_BEGIN_DECLS
 
@@ -44,13 +45,27 @@ LIBPMX_API int libpmx_dbg_level_file(const char *name, char *path, size_t size);
 LIBPMX_API int libpmx_dbg_set_dbg_level(unsigned level);
 
 /* Temporary recording: level 5 for min(minutes, 15) minutes on a timer of the calling thread's
- * timer master, then back to 1. minutes below 1 stops a running recording and reverts. */
+ * timer master, then back to 1. minutes below 1 stops a running recording and reverts. The timer
+ * fires only while that thread runs its master's loop: the debug shell's thread does. */
 LIBPMX_API void libpmx_dbg_record_log_tmp(int minutes);
 /* The recording timer's callback: forgets the timer and sets the level back to 1. */
 LIBPMX_API int libpmx_revert_dbg_level(qv_thread_t *thread);
 
-/* Registers the library's debug commands under the module name and starts serving them;
- * 0 or -11. */
+/* A debug command of a subsystem: its name, a one-line help, its handler (args: the text after
+ * the name, "dbg_level=4"; the result goes back to the shell as the command's code). */
+typedef struct libpmx_dbg_cmd {
+    const char *name;
+    const char *help;
+    ssat_cmd_fn fn;
+} libpmx_dbg_cmd_t;
+
+/* A subsystem hands its commands to the debug shell during its own set-up; they are served from
+ * libpmx_dbg_ut_init on (at once when it has run). The table must live as long as the process;
+ * handing the same table again is harmless. 0, -4 for a null table, -2 when no more tables fit. */
+LIBPMX_API int libpmx_dbg_add_cmds(const libpmx_dbg_cmd_t *cmds, uint32_t n);
+
+/* Starts serving the debug commands of the module name: the level commands and every table the
+ * subsystems handed over. 0 or -11 (the shell's own code is logged). */
 LIBPMX_API int libpmx_dbg_ut_init(void *glb, const char *name);
 
 /* Debug-command handlers; args is the text after the command name. */

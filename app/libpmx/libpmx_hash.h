@@ -9,6 +9,7 @@
 #include <stdint.h>
 
 #include "libpmx_export.h"
+#include "libpmx_types.h"
 
 LIBPMX_BEGIN_DECLS
 
@@ -149,10 +150,6 @@ LIBPMX_API int libpmx_sysport_destroy(int32_t sysport);
 LIBPMX_API int libpmx_sysport_entry_each_item_op(libpmx_hash_op_t op, void *arg, int sorted);
 
 /* ---- libpmx_notify_hook: hooks registered for a notify type ---- */
-typedef struct libpmx_list {
-    struct libpmx_list *next;
-    struct libpmx_list *prev;
-} libpmx_list_t;
 typedef void (*libpmx_notify_hook_fn)(void *context, int type, int event, void *arg);
 /* A further registration of the same type, linked into the entry's list. */
 typedef struct libpmx_notify_hook_node {
@@ -201,13 +198,7 @@ LIBPMX_API int libpmx_cache_put_power_supply_for_card_type(int32_t card_type,
 LIBPMX_API int libpmx_cache_for_each_power_supply_card_type(libpmx_hash_op_t op, void *arg);
 
 /* ---- libpmx_sub_ap_info / libpmx_sub_route_info: sub-interfaces and their parent port ---- */
-typedef struct libpmx_sub_ap_info {
-    uint32_t ifx; /* key: the sub-AP interface */
-    uint32_t phyid;
-    uint32_t evlan;
-    uint32_t trunk;
-    uint32_t master_phyid;
-} libpmx_sub_ap_info_t;
+/* The records are in libpmx_types.h: the database reads decode into them too. */
 LIBPMX_HASH_FAMILY_DECLS(libpmx_sub_ap_info, libpmx_sub_ap_info, libpmx_sub_ap_info_t,
                          (uint32_t ifx))
 /* Removes and frees a cached record; -11 for null. */
@@ -215,12 +206,6 @@ LIBPMX_API int libpmx_sub_ap_info_destroy(libpmx_sub_ap_info_t *entry);
 /* sorted: by ifx, unsigned. */
 LIBPMX_API int libpmx_sub_ap_info_for_each(libpmx_hash_op_t op, void *arg, int sorted);
 
-typedef struct libpmx_sub_route_info {
-    uint32_t ifx; /* key: the sub-route interface */
-    uint32_t phyid;
-    uint32_t evlan;
-    uint32_t master_phyid;
-} libpmx_sub_route_info_t;
 LIBPMX_HASH_FAMILY_DECLS(libpmx_sub_route_info, libpmx_sub_route_info, libpmx_sub_route_info_t,
                          (uint32_t ifx))
 LIBPMX_API int libpmx_sub_route_info_destroy(libpmx_sub_route_info_t *entry);

@@ -4,17 +4,17 @@
 
 #include "libpmx_intf.h"
 
-#include <pthread.h>
-
 #include "libpmx_errno.h"
+#include "libpmx_lock.hpp"
 
 namespace
 {
 
+// Interface-table lock: guards both chain arrays below and the card-id caches
+// (libpmx_card_addr_id, libpmx_subcard_type_id). First in the lock order.
+pmx::RwLock g_intf_lock{"interface-table lock", pmx::LockRank::IntfTable};
 libpmx_list_t g_ifx_chains[LIBPMX_INTF_CHAINS];
 libpmx_list_t g_gphyid_chains[LIBPMX_INTF_CHAINS];
-// Guards the interface table and the card-id caches.
-pthread_rwlock_t g_intf_lock;
 
 void list_init(libpmx_list_t *head)
 {
@@ -30,7 +30,7 @@ extern "C" int libpmx_intf_init(void)
         list_init(&g_ifx_chains[i]);
         list_init(&g_gphyid_chains[i]);
     }
-    const int rc = pthread_rwlock_init(&g_intf_lock, nullptr);
+    const int rc = g_intf_lock.init();
     if (rc != 0) {
         PMX_ERROR("interface-table lock init failed: %d", rc);
         return LIBPMX_E_FAIL;

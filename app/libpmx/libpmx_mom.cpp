@@ -17,14 +17,14 @@
 #include <ctime>
 
 #include "libpmx_cap.h"
+#include "libpmx_dbg.h"
 #include "libpmx_lock.hpp"
+#include "libpmx_platform_code.h"
 #include "libpmx_protoc_fmt.h"
-#include "p_dev.pb-c.h"
-#include "s_cluster.pb-c.h"
+#include "libpmx_records.h"
 #include "ssat.h"
-#include "u_intf.pb-c.h"
 
-libpmx_mom_ctx_t g_libpmx_mom = {nullptr, -1, 0};
+libpmx_mom_ctx_t g_libpmx_mom = {nullptr, -1};
 qv_mom_ab_t *g_libpmx_mom_ab = nullptr;
 
 namespace
@@ -48,9 +48,11 @@ struct BlockRecord {
     char *text() { return reinterpret_cast<char *>(this + 1); }
 };
 
-// Oldest first; guarded by the block-record lock.
+// Block-record lock: guards the list of block records (append, trim, clear; the dump reads). A
+// leaf of the lock order: nothing else is taken while it is held.
+pmx::RwLock g_block_lock{"block-record lock", pmx::LockRank::BlockRecords};
+// Oldest first, at most LIBPMX_BLOCK_RECORDS_MAX.
 BlockRecord g_blocks = {&g_blocks, &g_blocks, 0, 0, 0, 0, 0, 0, 0, 0};
-pthread_rwlock_t g_block_lock = PTHREAD_RWLOCK_INITIALIZER;
 
 const char *proto_of(const qv_mom_key_t *key)
 {
@@ -111,13 +113,13 @@ void keep_block_record(const qv_mom_key_t *key, int db, int sleeps, const timeva
     PMX_ERROR("block read db: %d, slept (0.1 sec) * %d", db, sleeps);
     PMX_ERROR("block thread : %s", r->text());
     {
-        pmx::WriteGuard guard(g_block_lock);
+        pmx::Guard guard(g_block_lock, pmx::Access::Write);
         r->prev = g_blocks.prev;
         r->next = &g_blocks;
         g_blocks.prev->next = r;
         g_blocks.prev = r;
     }
-    pmx::WriteGuard guard(g_block_lock);
+    pmx::Guard guard(g_block_lock, pmx::Access::Write);
     int kept = 0;
     for (BlockRecord *p = g_blocks.prev; p != &g_blocks;) {
         BlockRecord *older = p->prev;
@@ -203,10 +205,10 @@ extern "C" int libpmx_getinfo_from_db_with_block(const qv_mom_key_t *key, int db
         libpmx_block_timer();
         if (sleeps >= libpmx_cap_get_block_times())
             keep_block_record(key, db, sleeps, mono_begin, mono_end, wall_begin);
-    } else if (sleeps > LIBPMX_BLOCK_RECORD_SLEEPS && g_libpmx_zlog_level > 1) {
+    } else if (sleeps > LIBPMX_BLOCK_RECORD_SLEEPS && pmx::log_level() > 1) {
         keep_block_record(key, db, sleeps, mono_begin, mono_end, wall_begin);
     }
-    if (ret != LIBPMX_OK && g_libpmx_zlog_level > 1)
+    if (ret != LIBPMX_OK && pmx::log_level() > 1)
         PMX_WARN("%s, db %d, ret %d, slept %d, max %d, op %d, no_block %d", proto_of(key), db, ret, sleeps, max,
                  op, t_no_block);
     return ret;
@@ -254,7 +256,7 @@ extern "C" int libpmx_format_timeval(const struct timeval *tv, char *buf, size_t
 
 extern "C" void libpmx_dump_block_info(void)
 {
-    pmx::ReadGuard guard(g_block_lock);
+    pmx::Guard guard(g_block_lock, pmx::Access::Read);
     ssat_printf("all blocking-records :\n");
     int i = 0;
     for (BlockRecord *r = g_blocks.next; r != &g_blocks; r = r->next) {
@@ -276,7 +278,7 @@ extern "C" void libpmx_dump_block_info(void)
 
 extern "C" void libpmx_clear_block_info(void)
 {
-    pmx::WriteGuard guard(g_block_lock);
+    pmx::Guard guard(g_block_lock, pmx::Access::Write);
     while (g_blocks.next != &g_blocks) {
         BlockRecord *r = g_blocks.next;
         unlink_block(r);
@@ -293,39 +295,57 @@ extern "C" int libpmx_dbg_cmd_set_block_times(const char *args)
     }
     const int rc = libpmx_cap_set_block_times(times);
     const int32_t limit = libpmx_cap_get_block_times();
-    const float minutes = static_cast<float>(limit) * 100000.0f / 1e6f / 60.0f;
+    const float minutes = static_cast<float>(limit) * LIBPMX_BLOCK_INTERVAL_US / 1e6f / 60.0f;
     ssat_printf("now max-block-times %d, block-interval %dus, = %.2f min\n", limit, LIBPMX_BLOCK_INTERVAL_US,
                 static_cast<double>(minutes));
     return rc;
 }
 
-// ---- the library's data source ----
+// ---- the library's debug commands of database access ----
 
 namespace
 {
 
+int cmd_dump_block_info(const char *)
+{
+    libpmx_dump_block_info();
+    return LIBPMX_OK;
+}
+
+int cmd_clear_block_info(const char *)
+{
+    libpmx_clear_block_info();
+    return LIBPMX_OK;
+}
+
+const libpmx_dbg_cmd_t kMomCommands[] = {
+    {"dump_block_info", "print the records of long database waits", cmd_dump_block_info},
+    {"clear_block_info", "forget the records of long database waits", cmd_clear_block_info},
+    {"set_block_times", "times=%d (>0)", libpmx_dbg_cmd_set_block_times},
+};
+
+// ---- the library's data source ----
+
 constexpr const char *kOwner = "libpmx";
 
-// The subscribed records in their fixed order; a singleton uses its record for both.
-const qv_mom_key_desc_t kInKeys[LIBPMX_MOM_IN_KEYS] = {
-    {&p_dev__dp_lib_my_info__descriptor, &p_dev__dp_lib_my_info__descriptor, kOwner, LIBPMX_DB_DEV},
-    {&p_dev__local_port_info__descriptor, &p_dev__local_port_info__descriptor, kOwner, LIBPMX_DB_DEV},
-    {&p_dev__unit_cport_index__descriptor, &p_dev__unit_cport_info__descriptor, kOwner, LIBPMX_DB_DEV},
-    {&p_dev__dm_card_stattr_index__descriptor, &p_dev__dm_card_stattr_t__descriptor, kOwner, LIBPMX_DB_DEV},
-    {&p_dev__dp_lib_complete__descriptor, &p_dev__dp_lib_complete__descriptor, kOwner, LIBPMX_DB_DEV},
-    {&p_dev__card_info_index__descriptor, &p_dev__card_info__descriptor, kOwner, LIBPMX_DB_DEV},
-    {&p_dev__local_card_info_index__descriptor, &p_dev__local_card_port_ready__descriptor, kOwner, LIBPMX_DB_DEV},
-    {&s_cluster__ixn_lport_info__descriptor, &s_cluster__ixn_lport_info__descriptor, kOwner, LIBPMX_DB_CLUSTER},
-    {&s_cluster__ixn_lport_to_upt_index__descriptor, &s_cluster__ixn_lport_to_upt__descriptor, kOwner,
-     LIBPMX_DB_CLUSTER},
-    {&u_intf__ifx_index__descriptor, &u_intf__pmx_ifx_tbl__descriptor, kOwner, LIBPMX_DB_PMX},
-    {&u_intf__ifx_index__descriptor, &u_intf__pmx_sub_ap_intf__descriptor, kOwner, LIBPMX_DB_PMX},
-    {&u_intf__ifx_index__descriptor, &u_intf__pmx_sub_route_intf__descriptor, kOwner, LIBPMX_DB_PMX},
-    {&u_intf__phy_index__descriptor, &u_intf__pmx_phy_tbl__descriptor, kOwner, LIBPMX_DB_PMX},
-    {&u_intf__mod_index__descriptor, &u_intf__pmx_mod_tbl__descriptor, kOwner, LIBPMX_DB_PMX},
-    {&u_intf__card_address_id_index__descriptor, &u_intf__pmx_card_address_id__descriptor, kOwner, LIBPMX_DB_PMX},
-    {&p_dev__dp_lib_my_chss__descriptor, &p_dev__dp_lib_my_chss__descriptor, kOwner, LIBPMX_DB_DEV},
+// The followed kinds of the catalogue, in its order: the data source's in-keys.
+struct InKeys {
+    qv_mom_key_desc_t keys[LIBPMX_MOM_IN_KEYS] = {};
+    InKeys()
+    {
+        uint32_t n = 0;
+        for (uint32_t i = 0; const libpmx_record_kind_t *kind = libpmx_record_kind_at(i); ++i) {
+            if (kind->followed != 0 && n < LIBPMX_MOM_IN_KEYS)
+                keys[n++] = qv_mom_key_desc_t{kind->key, kind->record, kOwner, kind->db};
+        }
+    }
 };
+
+const InKeys &in_keys()
+{
+    static const InKeys keys;
+    return keys;
+}
 
 // Value of the snapshot option: existing records are delivered when the source starts.
 constexpr int kSnapshotOn = 1;
@@ -334,48 +354,35 @@ constexpr int kSnapshotOn = 1;
 
 extern "C" const qv_mom_key_desc_t *libpmx_mom_in_keys(void)
 {
-    return kInKeys;
+    return in_keys().keys;
 }
 
 extern "C" int libpmx_mom_init(void *glb, const char *app_name)
 {
     PMX_INFO("inkeys keys_num:%d, outkey keys_num:%d", LIBPMX_MOM_IN_KEYS, 0);
-    const int ds = qv_mom_reg_ds(g_libpmx_mom_ab, kInKeys, LIBPMX_MOM_IN_KEYS, nullptr, 0);
+    const int ds = qv_mom_reg_ds(g_libpmx_mom_ab, in_keys().keys, LIBPMX_MOM_IN_KEYS, nullptr, 0);
     if (ds < 0) {
+        const int code = pmx::code_of_mom(ds);
         PMX_ERROR("reg ds fail, ds_id:%d\n", ds);
-        PMX_ERROR("libpmx ds register failed, ret:%d\n", ds);
-        return ds;
+        PMX_ERROR("libpmx ds register failed, ret:%d\n", code);
+        return code;
     }
     const int rc = qv_mom_set_ds_opt(g_libpmx_mom_ab, ds, QV_MOM_DS_OPT_SNAPSHOT, kSnapshotOn);
     if (rc != 0) {
         PMX_ERROR("reg ds opt fail, ds_id:%d value:%d ret:%d\n", ds, kSnapshotOn, rc);
-        return rc;
+        PMX_ERROR("platform code %d returned as %d", rc, pmx::code_of_mom(rc));
+        return pmx::code_of_mom(rc);
     }
     g_libpmx_mom.glb = glb;
     g_libpmx_mom.ds = ds;
-    g_libpmx_mom.n_keys = LIBPMX_MOM_IN_KEYS;
+    libpmx_dbg_add_cmds(kMomCommands, sizeof kMomCommands / sizeof kMomCommands[0]);
     PMX_INFO("[app_name:%s] data source %d registered", app_name, ds);
     PMX_INFO("mom init success\n");
     return LIBPMX_OK;
 }
 
-// ---- event lists of the timed event delivery ----
-
-namespace
-{
-
-// Pending sub-slot and sub-interface events, oldest first.
-libpmx_list_t g_sslot_events;
-libpmx_list_t g_subintf_events;
-pthread_mutex_t g_event_lock = PTHREAD_MUTEX_INITIALIZER;
-
-} // namespace
-
+// The timed event delivery keeps its queues with it; at load there is nothing to set up yet.
 extern "C" int libpmx_event_list_init(void)
 {
-    pthread_mutex_lock(&g_event_lock);
-    g_sslot_events.next = g_sslot_events.prev = &g_sslot_events;
-    g_subintf_events.next = g_subintf_events.prev = &g_subintf_events;
-    pthread_mutex_unlock(&g_event_lock);
     return LIBPMX_OK;
 }

@@ -8,13 +8,13 @@
 #ifndef LIBPMX_MOM_H
 #define LIBPMX_MOM_H
 
+#include <stddef.h>
 #include <stdint.h>
+#include <sys/time.h>
 
 #include "libpmx_errno.h"
 #include "libpmx_export.h"
-#include "libpmx_hash.h"
-#include "libpmx_intf.h"
-#include "libpmx_port.h"
+#include "libpmx_types.h"
 #include "qv_mom.h"
 
 LIBPMX_BEGIN_DECLS
@@ -69,9 +69,8 @@ LIBPMX_API int libpmx_dbg_cmd_set_block_times(const char *args);
 
 /* The library's database state. */
 typedef struct libpmx_mom_ctx {
-    void *glb;      /* the application's database client context, from libpmx_init */
-    int32_t ds;     /* the data source of the subscribed records, -1 before registration */
-    uint32_t n_keys; /* subscribed records */
+    void *glb;  /* the application's database client context, from libpmx_init */
+    int32_t ds; /* the data source of the subscribed records, -1 before registration */
 } libpmx_mom_ctx_t;
 LIBPMX_API extern libpmx_mom_ctx_t g_libpmx_mom;
 /* The library's own database client handle (a qv_mom_ab_t), made once per process. */
@@ -86,19 +85,34 @@ LIBPMX_API int libpmx_mom_init(void *glb, const char *app_name);
 /* The key descriptors of the subscribed records, in their fixed order. */
 LIBPMX_API const qv_mom_key_desc_t *libpmx_mom_in_keys(void);
 
-/* Event lists of the timed event delivery; 0. */
+/* Sets up the timed event delivery at load; 0. Its queues come with the delivery itself. */
 LIBPMX_API int libpmx_event_list_init(void);
 
-/* ---- typed record getters: one record kind each ---- */
+/* ---- the record catalogue: every record kind the library reads or follows ---- */
+
+/* Where a record kind lives and how the library reads it. */
+typedef struct libpmx_record_kind {
+    const ProtobufCMessageDescriptor *record; /* the record message */
+    const ProtobufCMessageDescriptor *key;    /* its key message; the record itself for a singleton */
+    int32_t db;                               /* database number */
+    uint8_t hash;                             /* 1: a hash record read with all its fields; 0: plain */
+    uint8_t waits;                            /* 1: its reads may wait (op 2) while it is absent */
+    uint8_t followed;                         /* 1: the library subscribes to its changes */
+} libpmx_record_kind_t;
+
+/* The kind of a record full name ("u_intf.pmx_ifx_tbl"), or null when the library does not read
+ * it. */
+LIBPMX_API const libpmx_record_kind_t *libpmx_record_kind_find(const char *full_name);
+/* The i-th kind of the catalogue, followed kinds first in their subscription order; null past
+ * the end. */
+LIBPMX_API const libpmx_record_kind_t *libpmx_record_kind_at(uint32_t i);
+
+/* ---- typed record getters: one record kind each, pure reads that hand back what they decode.
+ * Failures are logged with the record and its key (absence as a warning) and returned. ---- */
 
 /* Local panel ports (database 1, hash): the port count, and up to capacity online ports. */
 LIBPMX_API int libpmx_get_local_port_from_localport_info(int32_t *lport_num, int32_t *online,
                                                          uint32_t capacity, uint32_t *online_num);
-/* The local identity (database 1, hash), stored with libpmx_cache_set_my_info with the
- * sub-slot as 0; info (five values, may be null) receives what was stored. */
-LIBPMX_API int libpmx_get_myinfo_from_dp_lib_myinfo(int32_t *info);
-/* The own chassis (database 1, hash): its device id, stored with libpmx_cache_set_my_chss. */
-LIBPMX_API int libpmx_get_devid_from_dplib_mychss(int32_t *dev_id);
 /* Completeness (database 1, hash): type 0 the local card, 1 the line cards, 2 all; another
  * type gives 0. */
 LIBPMX_API int libpmx_get_dplib_complete_status(int type, unsigned char *status);

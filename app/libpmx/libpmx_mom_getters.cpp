@@ -1,5 +1,6 @@
-// Typed record getters: one record kind each, read by key through the plain, hash or waiting
-// read, with a small decoder that copies what the caller needs out of the reply.
+// Typed record getters: one record kind each. Each fills its key message, reads through the
+// catalogue (which knows the database, the form and whether the read waits) and decodes what
+// its caller needs; none of them stores anything.
 #define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_mom_getters"
 #include "libpmx_log.h"
 
@@ -7,29 +8,28 @@
 #include <cstring>
 
 #include "libpmx_errno.h"
-#include "libpmx_mom.h"
+#include "libpmx_records.h"
 #include "p_dev.pb-c.h"
 #include "s_cluster.pb-c.h"
 #include "u_intf.pb-c.h"
 
-// An absent record is normal while the database fills: it is a warning, anything else an error.
-#define PMX_READ_FAILED(rc, ...)                                                                   \
+using pmx::read_record;
+using pmx::Record;
+
+// A null output pointer: logged with the getter's arguments, -11.
+#define PMX_REQUIRE_OUT(ok, ...)                                                                   \
     do {                                                                                           \
-        if ((rc) == LIBPMX_E_NOT_FOUND)                                                            \
-            PMX_WARN(__VA_ARGS__);                                                                 \
-        else                                                                                       \
+        if (!(ok)) {                                                                               \
             PMX_ERROR(__VA_ARGS__);                                                                \
+            return LIBPMX_E_FAIL;                                                                  \
+        }                                                                                          \
     } while (0)
 
 namespace
 {
 
-// A singleton is keyed by its own message; any other key names the record it keys.
-template <typename Msg>
-qv_mom_key_t key_of(const Msg &msg, const ProtobufCMessageDescriptor *record = nullptr)
-{
-    return qv_mom_key_t{&msg.base, record};
-}
+// op of the getters whose kind never waits: the catalogue makes their reads single attempts.
+constexpr int kOnce = 0;
 
 template <typename Rec> const Rec *rec(const void *reply)
 {
@@ -64,11 +64,12 @@ int decode_my_info(const void *reply, void *out)
 {
     const auto *r = rec<PDev__DpLibMyInfo>(reply);
     auto *info = static_cast<int32_t *>(out);
-    info[LIBPMX_MY_NODE_TYPE] = static_cast<int32_t>(r->dm_my_node_type);
-    info[LIBPMX_MY_SLOT_ID] = r->slotid;
-    info[LIBPMX_MY_CARD_TYPE] = r->card_type;
-    info[LIBPMX_MY_NODE_ID] = r->card_nodeid;
-    info[LIBPMX_MY_SSLOT_ID] = 0;
+    // The my-info order: node_type, slot_id, card_type, node_id, sslot_id.
+    info[0] = static_cast<int32_t>(r->dm_my_node_type);
+    info[1] = r->slotid;
+    info[2] = r->card_type;
+    info[3] = r->card_nodeid;
+    info[4] = 0;
     return LIBPMX_OK;
 }
 
@@ -107,11 +108,6 @@ int decode_dm_stattr_all_complete(const void *reply, void *)
 }
 
 // ---- card-type static attributes ----
-
-qv_mom_key_t card_stattr_key(const PDev__DmCardStattrIndex &index)
-{
-    return key_of(index, &p_dev__dm_card_stattr_t__descriptor);
-}
 
 struct StaticPort {
     int32_t lport; // the panel port looked for
@@ -211,25 +207,15 @@ int decode_valid_mod_tbl(const void *reply, void *out)
     return call->decode(reply, call->out);
 }
 
-int read_mod_tbl(const char *func, int32_t dev, int32_t slot, int32_t sslot,
-                 libpmx_db_decode_fn decode, void *out, int op)
+int read_mod_tbl(const char *func, int32_t dev, int32_t slot, int32_t sslot, libpmx_db_decode_fn decode,
+                 void *out, int op)
 {
-    if (decode == nullptr) {
-        PMX_LOG_AS(func, LIBPMX_ZLOG_ERROR, "decode is null, dev:%d slot:%d sslot:%d", dev, slot,
-                   sslot);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(decode != nullptr, "decode is null, dev:%d slot:%d sslot:%d", dev, slot, sslot);
     UIntf__ModIndex index = U_INTF__MOD_INDEX__INIT;
     index.devid = dev;
     index.slotid = slot;
     index.sslotid = sslot;
-    const qv_mom_key_t key = key_of(index, &u_intf__pmx_mod_tbl__descriptor);
-    const int rc = libpmx_getinfo_from_db_with_block(&key, LIBPMX_DB_PMX, 1, decode, out, op);
-    if (rc != 0)
-        PMX_LOG_AS(func, rc == LIBPMX_E_NOT_FOUND ? LIBPMX_ZLOG_WARN : LIBPMX_ZLOG_ERROR,
-                   "get pmx_mod_tbl failed, dev:%d slot:%d sslot:%d op:%d ret:%d", dev, slot, sslot,
-                   op, rc);
-    return rc;
+    return read_record(func, Record::MOD_TBL, &index.base, decode, out, op);
 }
 
 // ---- local ports, units and back-plane ports ----
@@ -326,70 +312,41 @@ int decode_port_ready(const void *reply, void *out)
 
 // ---- local identity and completeness ----
 
-extern "C" int libpmx_get_local_port_from_localport_info(int32_t *lport_num, int32_t *online,
-                                                         uint32_t capacity, uint32_t *online_num)
+extern "C" int libpmx_get_local_port_from_localport_info(int32_t *lport_num, int32_t *online, uint32_t capacity,
+                                                         uint32_t *online_num)
 {
-    if (lport_num == nullptr || (online == nullptr && capacity > 0)) {
-        PMX_ERROR("param is null, lport_num:%p online:%p capacity:%u",
-                  static_cast<void *>(lport_num), static_cast<void *>(online), capacity);
-        return LIBPMX_E_FAIL;
-    }
-    const PDev__LocalPortInfo self = P_DEV__LOCAL_PORT_INFO__INIT;
-    const qv_mom_key_t key = key_of(self);
+    PMX_REQUIRE_OUT(lport_num != nullptr && (online != nullptr || capacity == 0),
+                    "param is null, lport_num:%p online:%p capacity:%u", static_cast<void *>(lport_num),
+                    static_cast<void *>(online), capacity);
+    PDev__LocalPortInfo self = P_DEV__LOCAL_PORT_INFO__INIT;
     LocalPortOut o{0, online, capacity, 0};
-    const int rc = libpmx_hget_info_from_db(&key, LIBPMX_DB_DEV, decode_local_port_info, &o);
-    if (rc != 0) {
-        PMX_READ_FAILED(rc, "get local_port_info failed, ret:%d", rc);
-        return rc;
-    }
+    const int rc = read_record(__func__, Record::LOCAL_PORT_INFO, &self.base, decode_local_port_info, &o, kOnce);
+    if (rc != LIBPMX_OK) return rc;
     *lport_num = o.lport_num;
     if (online_num != nullptr) *online_num = o.online_num;
     return LIBPMX_OK;
 }
 
-extern "C" int libpmx_get_myinfo_from_dp_lib_myinfo(int32_t *info)
+int pmx::read_my_info(int32_t info[5])
 {
-    const PDev__DpLibMyInfo self = P_DEV__DP_LIB_MY_INFO__INIT;
-    const qv_mom_key_t key = key_of(self);
-    int32_t values[LIBPMX_MY_DEV_ID] = {0}; // every identity value but the device id
-    const int rc = libpmx_hget_info_from_db(&key, LIBPMX_DB_DEV, decode_my_info, values);
-    if (rc != 0) {
-        PMX_READ_FAILED(rc, "get dp_lib_my_info failed, ret:%d", rc);
-        return rc;
-    }
-    libpmx_cache_set_my_info(values);
-    if (info != nullptr) {
-        std::memcpy(info, values, sizeof values);
-        if (info[LIBPMX_MY_NODE_ID] < 1) info[LIBPMX_MY_NODE_ID] = -1;
-    }
-    return LIBPMX_OK;
+    PDev__DpLibMyInfo self = P_DEV__DP_LIB_MY_INFO__INIT;
+    return read_record("libpmx_get_myinfo_from_dp_lib_myinfo", Record::MY_INFO, &self.base, decode_my_info, info,
+                       kOnce);
 }
 
-extern "C" int libpmx_get_devid_from_dplib_mychss(int32_t *dev_id)
+int pmx::read_my_chss(int32_t *dev_id)
 {
-    const PDev__DpLibMyChss self = P_DEV__DP_LIB_MY_CHSS__INIT;
-    const qv_mom_key_t key = key_of(self);
-    int32_t devid = -1;
-    const int rc = libpmx_hget_info_from_db(&key, LIBPMX_DB_DEV, decode_my_chss, &devid);
-    if (rc != 0) {
-        PMX_READ_FAILED(rc, "get dp_lib_my_chss failed, ret:%d", rc);
-        return rc;
-    }
-    libpmx_cache_set_my_chss(devid);
-    if (dev_id != nullptr) *dev_id = devid;
-    return LIBPMX_OK;
+    PDev__DpLibMyChss self = P_DEV__DP_LIB_MY_CHSS__INIT;
+    return read_record("libpmx_get_devid_from_dplib_mychss", Record::MY_CHSS, &self.base, decode_my_chss, dev_id,
+                       kOnce);
 }
 
 extern "C" int libpmx_get_dplib_complete_status(int type, unsigned char *status)
 {
-    if (status == nullptr) {
-        PMX_ERROR("status is NULL");
-        return LIBPMX_E_FAIL;
-    }
-    const PDev__DpLibComplete self = P_DEV__DP_LIB_COMPLETE__INIT;
-    const qv_mom_key_t key = key_of(self);
+    PMX_REQUIRE_OUT(status != nullptr, "status is NULL");
+    PDev__DpLibComplete self = P_DEV__DP_LIB_COMPLETE__INIT;
     CompleteFlags flags{0, 0, 0};
-    const int rc = libpmx_hget_info_from_db(&key, LIBPMX_DB_DEV, decode_dplib_complete, &flags);
+    const int rc = read_record(__func__, Record::DPLIB_COMPLETE, &self.base, decode_dplib_complete, &flags, kOnce);
     switch (type) {
     case 0:
         if (rc == 0) *status = flags.card;
@@ -416,9 +373,9 @@ extern "C" void libpmx_get_dm_stattr_complete(unsigned char *complete)
         return;
     }
     *complete = 0;
-    const PDev__DmStattrComplete self = P_DEV__DM_STATTR_COMPLETE__INIT;
-    const qv_mom_key_t key = key_of(self);
-    const int rc = libpmx_hget_info_from_db(&key, LIBPMX_DB_DEV, decode_dm_stattr_complete, complete);
+    PDev__DmStattrComplete self = P_DEV__DM_STATTR_COMPLETE__INIT;
+    const int rc =
+        read_record(__func__, Record::DM_STATTR_COMPLETE, &self.base, decode_dm_stattr_complete, complete, kOnce);
     PMX_INFO("ret %d, dm_stattr_complete %d", rc, *complete);
 }
 
@@ -426,10 +383,7 @@ extern "C" void libpmx_get_dm_stattr_complete(unsigned char *complete)
 
 extern "C" int libpmx_dmcard_stattr_decode(const void *reply, void *out)
 {
-    if (reply == nullptr || out == nullptr) {
-        PMX_ERROR("param is null, reply:%p out:%p", reply, out);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(reply != nullptr && out != nullptr, "param is null, reply:%p out:%p", reply, out);
     const auto *r = rec<PDev__DmCardStattrT>(reply);
     libpmx_card_stattr_t a;
     std::memset(&a, 0, sizeof a);
@@ -458,47 +412,38 @@ extern "C" int libpmx_dmcard_stattr_decode(const void *reply, void *out)
     return LIBPMX_OK;
 }
 
+namespace
+{
+
+int read_card_stattr(const char *func, int32_t card_type, libpmx_db_decode_fn decode, void *out)
+{
+    PDev__DmCardStattrIndex index = P_DEV__DM_CARD_STATTR_INDEX__INIT;
+    index.type = card_type;
+    return read_record(func, Record::CARD_STATTR, &index.base, decode, out, kOnce);
+}
+
+} // namespace
+
 extern "C" int libpmx_get_lc_card_stattr(int32_t card_type, libpmx_card_stattr_t *out)
 {
-    if (out == nullptr) {
-        PMX_ERROR("out is null, card_type:%d", card_type);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(out != nullptr, "out is null, card_type:%d", card_type);
     // The attributes of a card type are only whole once the database says all are published:
     // a waiting read of the completeness record (bar and block records as for any wait), then
     // a read of what there is.
-    const PDev__DmStattrComplete self = P_DEV__DM_STATTR_COMPLETE__INIT;
-    const qv_mom_key_t done_key = key_of(self);
-    int rc = libpmx_getinfo_from_db_with_block(&done_key, LIBPMX_DB_DEV, 1, decode_dm_stattr_all_complete, nullptr,
-                                               LIBPMX_READ_WAIT);
+    PDev__DmStattrComplete self = P_DEV__DM_STATTR_COMPLETE__INIT;
+    const int rc = read_record(__func__, Record::DM_STATTR_COMPLETE, &self.base, decode_dm_stattr_all_complete,
+                               nullptr, LIBPMX_READ_WAIT);
     if (rc != 0) PMX_WARN("card_type:%d, dm_stattr not complete (%d), read what there is", card_type, rc);
-
-    PDev__DmCardStattrIndex index = P_DEV__DM_CARD_STATTR_INDEX__INIT;
-    index.type = card_type;
-    const qv_mom_key_t key = card_stattr_key(index);
-    rc = libpmx_get_info_from_db(&key, LIBPMX_DB_DEV, libpmx_dmcard_stattr_decode, out);
-    if (rc != 0)
-        PMX_READ_FAILED(rc, "get dm_card_stattr_t failed, card_type:%d ret:%d", card_type, rc);
-    return rc;
+    return read_card_stattr(__func__, card_type, libpmx_dmcard_stattr_decode, out);
 }
 
-extern "C" int libpmx_get_static_port_from_dmcard_stattr(int32_t card_type, int32_t lport,
-                                                         int32_t *unit, int32_t *port)
+extern "C" int libpmx_get_static_port_from_dmcard_stattr(int32_t card_type, int32_t lport, int32_t *unit,
+                                                         int32_t *port)
 {
-    if (unit == nullptr || port == nullptr) {
-        PMX_ERROR("param is null, card_type:%d lport:%d", card_type, lport);
-        return LIBPMX_E_FAIL;
-    }
-    PDev__DmCardStattrIndex index = P_DEV__DM_CARD_STATTR_INDEX__INIT;
-    index.type = card_type;
-    const qv_mom_key_t key = card_stattr_key(index);
+    PMX_REQUIRE_OUT(unit != nullptr && port != nullptr, "param is null, card_type:%d lport:%d", card_type, lport);
     StaticPort sp{lport, 0, 0};
-    const int rc = libpmx_get_info_from_db(&key, LIBPMX_DB_DEV, decode_static_port, &sp);
-    if (rc != 0) {
-        PMX_READ_FAILED(rc, "get static port failed, card_type:%d lport:%d ret:%d", card_type,
-                        lport, rc);
-        return rc;
-    }
+    const int rc = read_card_stattr(__func__, card_type, decode_static_port, &sp);
+    if (rc != LIBPMX_OK) return rc;
     *unit = sp.unit;
     *port = sp.port;
     return LIBPMX_OK;
@@ -506,106 +451,56 @@ extern "C" int libpmx_get_static_port_from_dmcard_stattr(int32_t card_type, int3
 
 extern "C" int libpmx_get_power_supply_from_dmcard_stattr(int32_t card_type, int32_t *power_supply)
 {
-    if (power_supply == nullptr) {
-        PMX_ERROR("param is null, card_type:%d", card_type);
-        return LIBPMX_E_FAIL;
-    }
-    PDev__DmCardStattrIndex index = P_DEV__DM_CARD_STATTR_INDEX__INIT;
-    index.type = card_type;
-    const qv_mom_key_t key = card_stattr_key(index);
-    const int rc = libpmx_get_info_from_db(&key, LIBPMX_DB_DEV, decode_power_supply, power_supply);
-    if (rc != 0) PMX_READ_FAILED(rc, "get power supply failed, card_type:%d ret:%d", card_type, rc);
-    return rc;
+    PMX_REQUIRE_OUT(power_supply != nullptr, "param is null, card_type:%d", card_type);
+    return read_card_stattr(__func__, card_type, decode_power_supply, power_supply);
 }
 
 extern "C" int libpmx_get_virtual_unit_num_by_card_type(int32_t card_type, int32_t *num)
 {
-    if (num == nullptr) {
-        PMX_ERROR("param is null, card_type:%d", card_type);
-        return LIBPMX_E_FAIL;
-    }
-    PDev__DmCardStattrIndex index = P_DEV__DM_CARD_STATTR_INDEX__INIT;
-    index.type = card_type;
-    const qv_mom_key_t key = card_stattr_key(index);
-    const int rc = libpmx_get_info_from_db(&key, LIBPMX_DB_DEV, decode_virtual_unit_num, num);
-    if (rc != 0)
-        PMX_READ_FAILED(rc, "get virtual unit num failed, card_type:%d ret:%d", card_type, rc);
-    return rc;
+    PMX_REQUIRE_OUT(num != nullptr, "param is null, card_type:%d", card_type);
+    return read_card_stattr(__func__, card_type, decode_virtual_unit_num, num);
 }
 
 // ---- database 26 tables ----
 
 extern "C" int libpmx_get_info_from_pmx_ifx_tbl(uint32_t ifx, libpmx_intf_info_t *info, int op)
 {
-    if (info == nullptr) {
-        PMX_ERROR("info is null, ifx:%u", ifx);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(info != nullptr, "info is null, ifx:%u", ifx);
     UIntf__IfxIndex index = U_INTF__IFX_INDEX__INIT;
     index.ifx = ifx;
-    const qv_mom_key_t key = key_of(index, &u_intf__pmx_ifx_tbl__descriptor);
-    const int rc = libpmx_getinfo_from_db_with_block(&key, LIBPMX_DB_PMX, 1,
-                                                     decode_port_tbl<UIntf__PmxIfxTbl>, info, op);
-    if (rc != 0) PMX_READ_FAILED(rc, "get pmx_ifx_tbl failed, ifx:%u op:%d ret:%d", ifx, op, rc);
-    return rc;
+    return read_record(__func__, Record::IFX_TBL, &index.base, decode_port_tbl<UIntf__PmxIfxTbl>, info, op);
 }
 
 extern "C" int libpmx_get_info_from_pmx_phy_tbl(uint32_t phyid, libpmx_intf_info_t *info, int op)
 {
-    if (info == nullptr) {
-        PMX_ERROR("info is null, phyid:0x%x", phyid);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(info != nullptr, "info is null, phyid:0x%x", phyid);
     UIntf__PhyIndex index = U_INTF__PHY_INDEX__INIT;
     index.phyid = phyid;
-    const qv_mom_key_t key = key_of(index, &u_intf__pmx_phy_tbl__descriptor);
-    const int rc = libpmx_getinfo_from_db_with_block(&key, LIBPMX_DB_PMX, 1,
-                                                     decode_port_tbl<UIntf__PmxPhyTbl>, info, op);
-    if (rc != 0)
-        PMX_READ_FAILED(rc, "get pmx_phy_tbl failed, phyid:0x%x op:%d ret:%d", phyid, op, rc);
-    return rc;
+    return read_record(__func__, Record::PHY_TBL, &index.base, decode_port_tbl<UIntf__PmxPhyTbl>, info, op);
 }
 
 extern "C" int libpmx_get_sub_ap_info_from_db(uint32_t ifx, libpmx_sub_ap_info_t *out, int op)
 {
-    if (out == nullptr) {
-        PMX_ERROR("out is null, ifx:%u", ifx);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(out != nullptr, "out is null, ifx:%u", ifx);
     UIntf__IfxIndex index = U_INTF__IFX_INDEX__INIT;
     index.ifx = ifx;
-    const qv_mom_key_t key = key_of(index, &u_intf__pmx_sub_ap_intf__descriptor);
-    const int rc =
-        libpmx_getinfo_from_db_with_block(&key, LIBPMX_DB_PMX, 0, decode_sub_ap, out, op);
-    if (rc != 0) {
-        PMX_READ_FAILED(rc, "get pmx_sub_ap_intf failed, ifx:%u op:%d ret:%d", ifx, op, rc);
-        return rc;
-    }
-    out->ifx = ifx;
-    return LIBPMX_OK;
+    const int rc = read_record(__func__, Record::SUB_AP_INTF, &index.base, decode_sub_ap, out, op);
+    if (rc == LIBPMX_OK) out->ifx = ifx;
+    return rc;
 }
 
 extern "C" int libpmx_get_sub_route_info_from_db(uint32_t ifx, libpmx_sub_route_info_t *out, int op)
 {
-    if (out == nullptr) {
-        PMX_ERROR("out is null, ifx:%u", ifx);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(out != nullptr, "out is null, ifx:%u", ifx);
     UIntf__IfxIndex index = U_INTF__IFX_INDEX__INIT;
     index.ifx = ifx;
-    const qv_mom_key_t key = key_of(index, &u_intf__pmx_sub_route_intf__descriptor);
-    const int rc =
-        libpmx_getinfo_from_db_with_block(&key, LIBPMX_DB_PMX, 0, decode_sub_route, out, op);
-    if (rc != 0) {
-        PMX_READ_FAILED(rc, "get pmx_sub_route_intf failed, ifx:%u op:%d ret:%d", ifx, op, rc);
-        return rc;
-    }
-    out->ifx = ifx;
-    return LIBPMX_OK;
+    const int rc = read_record(__func__, Record::SUB_ROUTE_INTF, &index.base, decode_sub_route, out, op);
+    if (rc == LIBPMX_OK) out->ifx = ifx;
+    return rc;
 }
 
-extern "C" int libpmx_get_info_from_pmx_mod_tbl(int32_t dev, int32_t slot, int32_t sslot,
-                                                libpmx_db_decode_fn decode, void *out)
+extern "C" int libpmx_get_info_from_pmx_mod_tbl(int32_t dev, int32_t slot, int32_t sslot, libpmx_db_decode_fn decode,
+                                                void *out)
 {
     return read_mod_tbl(__func__, dev, slot, sslot, decode, out, LIBPMX_READ_WAIT);
 }
@@ -614,14 +509,11 @@ extern "C" int libpmx_get_info_from_pmx_mod_tbl(int32_t dev, int32_t slot, int32
 extern "C" int libpmx_get_info_from_pmx_vaild_mod_tbl(int32_t dev, int32_t slot, int32_t sslot,
                                                       libpmx_db_decode_fn decode, void *out)
 {
-    if (decode == nullptr)
-        return read_mod_tbl(__func__, dev, slot, sslot, nullptr, out, LIBPMX_READ_WAIT);
+    if (decode == nullptr) return read_mod_tbl(__func__, dev, slot, sslot, nullptr, out, LIBPMX_READ_WAIT);
     ModTblCall call{decode, out, -1};
-    const int rc =
-        read_mod_tbl(__func__, dev, slot, sslot, decode_valid_mod_tbl, &call, LIBPMX_READ_WAIT);
+    const int rc = read_mod_tbl(__func__, dev, slot, sslot, decode_valid_mod_tbl, &call, LIBPMX_READ_WAIT);
     if (rc == LIBPMX_E_NOT_FOUND && call.status >= 0)
-        PMX_WARN("module ids of dev:%d slot:%d sslot:%d not allocated, status:%d", dev, slot, sslot,
-                 call.status);
+        PMX_WARN("module ids of dev:%d slot:%d sslot:%d not allocated, status:%d", dev, slot, sslot, call.status);
     return rc;
 }
 
@@ -635,71 +527,50 @@ extern "C" int libpmx_get_mod_tbl_from_dev_slot_sslot(int32_t dev, int32_t slot,
 
 extern "C" int libpmx_get_info_from_lport(int32_t lport, int32_t *unit, int32_t *cport)
 {
-    if (unit == nullptr || cport == nullptr) {
-        PMX_ERROR("param is null, lport:%d", lport);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(unit != nullptr && cport != nullptr, "param is null, lport:%d", lport);
     PDev__LportIndex index = P_DEV__LPORT_INDEX__INIT;
     index.lport = lport;
-    const qv_mom_key_t key = key_of(index, &p_dev__lport_info__descriptor);
     UnitPort up{0, 0};
-    const int rc = libpmx_get_info_from_db(&key, LIBPMX_DB_DEV, decode_lport_info, &up);
-    if (rc != 0) {
-        PMX_READ_FAILED(rc, "get lport_info failed, lport:%d ret:%d", lport, rc);
-        return rc;
-    }
+    const int rc = read_record(__func__, Record::LPORT_INFO, &index.base, decode_lport_info, &up, kOnce);
+    if (rc != LIBPMX_OK) return rc;
     *unit = up.unit;
     *cport = up.port;
     return LIBPMX_OK;
 }
 
-extern "C" int libpmx_get_info_from_unit_port(int32_t unit, int32_t cport, int32_t *lport)
+namespace
 {
-    if (lport == nullptr) {
-        PMX_ERROR("param is null, unit:%d cport:%d", unit, cport);
-        return LIBPMX_E_FAIL;
-    }
+
+int read_unit_cport(const char *func, int32_t unit, int32_t cport, libpmx_db_decode_fn decode, int32_t *out)
+{
     PDev__UnitCportIndex index = P_DEV__UNIT_CPORT_INDEX__INIT;
     index.unit = unit;
     index.cport = cport;
-    const qv_mom_key_t key = key_of(index, &p_dev__unit_cport_info__descriptor);
-    const int rc = libpmx_get_info_from_db(&key, LIBPMX_DB_DEV, decode_unit_port_lport, lport);
-    if (rc != 0)
-        PMX_READ_FAILED(rc, "get lport of unit:%d cport:%d failed, ret:%d", unit, cport, rc);
-    return rc;
+    return read_record(func, Record::UNIT_CPORT_INFO, &index.base, decode, out, kOnce);
+}
+
+} // namespace
+
+extern "C" int libpmx_get_info_from_unit_port(int32_t unit, int32_t cport, int32_t *lport)
+{
+    PMX_REQUIRE_OUT(lport != nullptr, "param is null, unit:%d cport:%d", unit, cport);
+    return read_unit_cport(__func__, unit, cport, decode_unit_port_lport, lport);
 }
 
 extern "C" int libpmx_get_unit_type_from_unit_port(int32_t unit, int32_t cport, int32_t *unit_type)
 {
-    if (unit_type == nullptr) {
-        PMX_ERROR("param is null, unit:%d cport:%d", unit, cport);
-        return LIBPMX_E_FAIL;
-    }
-    PDev__UnitCportIndex index = P_DEV__UNIT_CPORT_INDEX__INIT;
-    index.unit = unit;
-    index.cport = cport;
-    const qv_mom_key_t key = key_of(index, &p_dev__unit_cport_info__descriptor);
-    const int rc = libpmx_get_info_from_db(&key, LIBPMX_DB_DEV, decode_unit_port_type, unit_type);
-    if (rc != 0)
-        PMX_READ_FAILED(rc, "get unit type of unit:%d cport:%d failed, ret:%d", unit, cport, rc);
-    return rc;
+    PMX_REQUIRE_OUT(unit_type != nullptr, "param is null, unit:%d cport:%d", unit, cport);
+    return read_unit_cport(__func__, unit, cport, decode_unit_port_type, unit_type);
 }
 
 extern "C" int libpmx_get_info_from_ixnlporttoupt(uint32_t lport, uint32_t *unit, uint32_t *port)
 {
-    if (unit == nullptr || port == nullptr) {
-        PMX_ERROR("param is null, lport:%u", lport);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(unit != nullptr && port != nullptr, "param is null, lport:%u", lport);
     SCluster__IxnLportToUptIndex index = S_CLUSTER__IXN_LPORT_TO_UPT_INDEX__INIT;
     index.lport = lport;
-    const qv_mom_key_t key = key_of(index, &s_cluster__ixn_lport_to_upt__descriptor);
     UUnitPort up{0, 0};
-    const int rc = libpmx_get_info_from_db(&key, LIBPMX_DB_CLUSTER, decode_ixn_lport_to_upt, &up);
-    if (rc != 0) {
-        PMX_READ_FAILED(rc, "get ixn_lport_to_upt failed, lport:%u ret:%d", lport, rc);
-        return rc;
-    }
+    const int rc = read_record(__func__, Record::IXN_LPORT_TO_UPT, &index.base, decode_ixn_lport_to_upt, &up, kOnce);
+    if (rc != LIBPMX_OK) return rc;
     *unit = up.unit;
     *port = up.port;
     return LIBPMX_OK;
@@ -707,19 +578,12 @@ extern "C" int libpmx_get_info_from_ixnlporttoupt(uint32_t lport, uint32_t *unit
 
 extern "C" int libpmx_get_info_from_ixn_lport_info(uint32_t *lport_base, uint32_t *lport_num)
 {
-    if (lport_base == nullptr || lport_num == nullptr) {
-        PMX_ERROR("param is null, lport_base:%p lport_num:%p", static_cast<void *>(lport_base),
-                  static_cast<void *>(lport_num));
-        return LIBPMX_E_FAIL;
-    }
-    const SCluster__IxnLportInfo self = S_CLUSTER__IXN_LPORT_INFO__INIT;
-    const qv_mom_key_t key = key_of(self);
+    PMX_REQUIRE_OUT(lport_base != nullptr && lport_num != nullptr, "param is null, lport_base:%p lport_num:%p",
+                    static_cast<void *>(lport_base), static_cast<void *>(lport_num));
+    SCluster__IxnLportInfo self = S_CLUSTER__IXN_LPORT_INFO__INIT;
     LportRange range{0, 0};
-    const int rc = libpmx_get_info_from_db(&key, LIBPMX_DB_CLUSTER, decode_ixn_lport_info, &range);
-    if (rc != 0) {
-        PMX_READ_FAILED(rc, "get ixn_lport_info failed, ret:%d", rc);
-        return rc;
-    }
+    const int rc = read_record(__func__, Record::IXN_LPORT_INFO, &self.base, decode_ixn_lport_info, &range, kOnce);
+    if (rc != LIBPMX_OK) return rc;
     *lport_base = range.base;
     *lport_num = range.num;
     return LIBPMX_OK;
@@ -729,46 +593,25 @@ extern "C" int libpmx_get_info_from_ixn_lport_info(uint32_t *lport_base, uint32_
 
 extern "C" int libpmx_get_cid_from_db(int32_t card_type, int32_t subcard_type, int32_t *cid, int op)
 {
-    if (cid == nullptr) {
-        PMX_ERROR("cid is null, card_type:%d subcard_type:%d", card_type, subcard_type);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(cid != nullptr, "cid is null, card_type:%d subcard_type:%d", card_type, subcard_type);
     UIntf__CardAddressIdIndex index = U_INTF__CARD_ADDRESS_ID_INDEX__INIT;
     index.card_type = card_type;
     index.subcard_type = subcard_type;
-    const qv_mom_key_t key = key_of(index, &u_intf__pmx_card_address_id__descriptor);
-    const int rc =
-        libpmx_getinfo_from_db_with_block(&key, LIBPMX_DB_PMX, 0, decode_card_address_id, cid, op);
-    if (rc != 0)
-        PMX_READ_FAILED(rc,
-                        "get pmx_card_address_id failed, card_type:%d subcard_type:%d op:%d ret:%d",
-                        card_type, subcard_type, op, rc);
-    return rc;
+    return read_record(__func__, Record::CARD_ADDRESS_ID, &index.base, decode_card_address_id, cid, op);
 }
 
-extern "C" int libpmx_get_card_type_from_db(int32_t dev, int32_t slot, int32_t sslot,
-                                            int32_t *card_type, int op)
+extern "C" int libpmx_get_card_type_from_db(int32_t dev, int32_t slot, int32_t sslot, int32_t *card_type, int op)
 {
-    if (card_type == nullptr) {
-        PMX_ERROR("card_type is null, dev:%d slot:%d sslot:%d", dev, slot, sslot);
-        return LIBPMX_E_FAIL;
-    }
+    PMX_REQUIRE_OUT(card_type != nullptr, "card_type is null, dev:%d slot:%d sslot:%d", dev, slot, sslot);
     PDev__CardInfoIndex index = P_DEV__CARD_INFO_INDEX__INIT;
     index.t_mod = 0;
     index.devid = dev;
     index.slotid = slot;
     index.sslotid = sslot;
-    const qv_mom_key_t key = key_of(index, &p_dev__card_info__descriptor);
-    const int rc = libpmx_getinfo_from_db_with_block(&key, LIBPMX_DB_DEV, 1, decode_card_info_type,
-                                                     card_type, op);
-    if (rc != 0)
-        PMX_READ_FAILED(rc, "get card_info failed, dev:%d slot:%d sslot:%d op:%d ret:%d", dev, slot,
-                        sslot, op, rc);
-    return rc;
+    return read_record(__func__, Record::CARD_INFO, &index.base, decode_card_info_type, card_type, op);
 }
 
-extern "C" int libpmx_get_subcard_ready_with_block(int32_t dev, int32_t slot, int32_t sslot,
-                                                   int32_t complete_status)
+extern "C" int libpmx_get_subcard_ready_with_block(int32_t dev, int32_t slot, int32_t sslot, int32_t complete_status)
 {
     // A wait asked for explicitly is not cut short by an earlier timeout of this thread.
     libpmx_set_can_block_to_read_db(1);
@@ -777,11 +620,9 @@ extern "C" int libpmx_get_subcard_ready_with_block(int32_t dev, int32_t slot, in
     index.t_mod = 0;
     index.slotid = slot;
     index.sslotid = sslot;
-    const qv_mom_key_t key = key_of(index, &p_dev__local_card_port_ready__descriptor);
     unsigned char status = complete_status != 0;
-    const int rc = libpmx_getinfo_from_db_with_block(&key, LIBPMX_DB_DEV, 0, decode_port_ready,
-                                                     &status, LIBPMX_READ_WAIT);
-    if (rc != 0)
-        PMX_ERROR("dev %d slot %d sslot %d, wait subcard-complete failed %d", dev, slot, sslot, rc);
+    const int rc = read_record(__func__, Record::LOCAL_CARD_PORT_READY, &index.base, decode_port_ready, &status,
+                               LIBPMX_READ_WAIT);
+    if (rc != 0) PMX_ERROR("dev %d slot %d sslot %d, wait subcard-complete failed %d", dev, slot, sslot, rc);
     return rc;
 }

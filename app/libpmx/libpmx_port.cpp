@@ -10,6 +10,7 @@
 
 #include "libpmx_errno.h"
 #include "libpmx_mom.h"
+#include "libpmx_records.h"
 
 namespace
 {
@@ -213,6 +214,33 @@ extern "C" int libpmx_port_local_card_is_complete(void)
 extern "C" int libpmx_port_lc_is_complete(void)
 {
     return load(g_lc_complete);
+}
+
+// ---- synchronous reads of the identity: the getters' refresh ----
+
+// Stores the identity as the synchronous read gives it (sub-slot 0); info (five values, may be
+// null) receives what was stored.
+extern "C" int libpmx_get_myinfo_from_dp_lib_myinfo(int32_t *info)
+{
+    int32_t values[LIBPMX_MY_DEV_ID] = {0}; // every identity value but the device id
+    const int rc = pmx::read_my_info(values);
+    if (rc != LIBPMX_OK) return rc;
+    libpmx_cache_set_my_info(values);
+    if (info != nullptr) {
+        std::memcpy(info, values, sizeof values);
+        if (info[LIBPMX_MY_NODE_ID] < 1) info[LIBPMX_MY_NODE_ID] = kUnknown;
+    }
+    return LIBPMX_OK;
+}
+
+extern "C" int libpmx_get_devid_from_dplib_mychss(int32_t *dev_id)
+{
+    int32_t devid = kUnknown;
+    const int rc = pmx::read_my_chss(&devid);
+    if (rc != LIBPMX_OK) return rc;
+    libpmx_cache_set_my_chss(devid);
+    if (dev_id != nullptr) *dev_id = devid;
+    return LIBPMX_OK;
 }
 
 // ---- setters ----

@@ -12,11 +12,9 @@
 
 #include "libpmx_errno.h"
 #include "libpmx_export.h"
+#include "libpmx_types.h"
 
 LIBPMX_BEGIN_DECLS
-
-/* Chip units of a card: a unit number above 7 is invalid. */
-#define LIBPMX_UNITS_MAX 8
 
 /* Positions in the my-info array: five set by libpmx_cache_set_my_info, six read by
  * libpmx_get_my_info. */
@@ -29,16 +27,6 @@ enum {
     LIBPMX_MY_DEV_ID = 5,
     LIBPMX_MY_INFO_NUM = 6,
 };
-
-/* Static attributes of a card type. */
-typedef struct libpmx_card_stattr {
-    int32_t max_lport_id;        /* highest panel port number, -1 unknown */
-    int32_t chip_num;            /* forwarding chip units, virtual ones included, -1 unknown */
-    int32_t max_port[LIBPMX_UNITS_MAX]; /* highest port of each unit, 0 unknown */
-    uint32_t alloc_mode[4];      /* module-id allocation: mode, id_num, idnum_per_unit, support_num */
-    int32_t intraband_chip_num;  /* -1 unknown */
-    int32_t virtual_unit_num;    /* -1 unknown */
-} libpmx_card_stattr_t;
 
 /* Kinds of libpmx_get_card_stattr_info. */
 enum {
@@ -69,7 +57,7 @@ LIBPMX_API void libpmx_port_set_card_complete(int32_t local_card_complete, int32
 LIBPMX_API int libpmx_port_local_card_is_complete(void);
 LIBPMX_API int libpmx_port_lc_is_complete(void);
 
-/* ---- setters (database change callbacks and the typed record getters) ---- */
+/* ---- setters (database change callbacks and the synchronous reads above) ---- */
 
 /* info[0..4]: node_type, slot_id, card_type, node_id (below 1 stored as -1), sslot_id. */
 LIBPMX_API void libpmx_cache_set_my_info(const int32_t *info);
@@ -78,6 +66,15 @@ LIBPMX_API void libpmx_cache_set_my_chss(int32_t dev_id);
 LIBPMX_API void libpmx_cache_set_card_statt(int32_t max_lport, int32_t chip_num, const int32_t *max_port,
                                             const uint32_t *alloc_mode, int32_t intraband_chip_num,
                                             int32_t virtual_unit_num);
+
+/* ---- synchronous reads of the identity records, stored into the cache ---- */
+
+/* Reads the local identity (database 1, hash) and stores it with libpmx_cache_set_my_info, the
+ * sub-slot as 0; info (five values, may be null) receives what was stored. 0 or the read's code. */
+LIBPMX_API int libpmx_get_myinfo_from_dp_lib_myinfo(int32_t *info);
+/* Reads the own chassis (database 1, hash) and stores its device id with
+ * libpmx_cache_set_my_chss; dev_id (may be null) receives it. */
+LIBPMX_API int libpmx_get_devid_from_dplib_mychss(int32_t *dev_id);
 
 /* ---- identity getters: flag 0 answers from the cache; any other flag first reads the
  * database while the value is unknown ---- */

@@ -82,8 +82,7 @@ int get(const GetOptions &opt)
     if (opt.db_number) {
         db = *opt.db_number;
     } else if (!has_db) {
-        fail(std::string("no default database for records of package ") + desc->package_name +
-             ": give --dbnum");
+        fail(std::string(desc->name) + " is not a record the library reads: give --dbnum");
         return kExitUsage;
     }
     if (!opt.form.empty()) form = opt.form == "hash" ? Form::Hash : Form::Plain;

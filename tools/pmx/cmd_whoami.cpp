@@ -21,7 +21,7 @@ namespace pmx_tool
 namespace
 {
 
-constexpr int kSleepsPerSecond = 10; // the library sleeps 0.1 s between read attempts
+constexpr int kSleepsPerSecond = 1000000 / LIBPMX_BLOCK_INTERVAL_US; // sleeps between read attempts
 
 struct WhoamiOptions {
     DbOptions db;

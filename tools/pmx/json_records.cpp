@@ -22,23 +22,6 @@ namespace
 using nlohmann::json;
 using nlohmann::ordered_json;
 
-// Databases of the record packages, and the records the library reads as hashes; every other
-// record of these packages is read as a plain record.
-struct PackageDb {
-    std::string_view package;
-    int db;
-};
-constexpr PackageDb kPackageDbs[] = {
-    {"u_intf", LIBPMX_DB_PMX},
-    {"p_dev", LIBPMX_DB_DEV},
-    {"s_cluster", LIBPMX_DB_CLUSTER},
-};
-constexpr std::string_view kHashRecords[] = {
-    "p_dev.local_port_info", "p_dev.dp_lib_my_info",     "p_dev.dp_lib_my_chss",
-    "p_dev.dp_lib_complete", "p_dev.dm_stattr_complete", "p_dev.card_info",
-    "u_intf.pmx_ifx_tbl",    "u_intf.pmx_phy_tbl",       "u_intf.pmx_mod_tbl",
-};
-
 [[noreturn]] void fail_at(const std::string &path, const std::string &text)
 {
     throw FieldError{path, text};
@@ -425,18 +408,12 @@ const char *form_name(Form form)
 
 bool default_placement(const ProtobufCMessageDescriptor *record, int *db, Form *form)
 {
-    std::string_view package = record->package_name != nullptr ? record->package_name : "";
     *form = Form::Plain;
-    for (auto name : kHashRecords) {
-        if (name == record->name) *form = Form::Hash;
-    }
-    for (const auto &p : kPackageDbs) {
-        if (p.package == package) {
-            *db = p.db;
-            return true;
-        }
-    }
-    return false;
+    const libpmx_record_kind_t *kind = libpmx_record_kind_find(record->name);
+    if (kind == nullptr) return false;
+    *db = kind->db;
+    *form = kind->hash != 0 ? Form::Hash : Form::Plain;
+    return true;
 }
 
 const ProtobufCMessageDescriptor *key_descriptor(const ProtobufCMessageDescriptor *record)
@@ -522,8 +499,7 @@ bool parse_records(const std::string &text, const std::string &name, std::vector
                 r.db = static_cast<int>(
                     signed_in(entry["db"], 0, QV_MOM_DB_COUNT - 1, "a database number", "db"));
             } else if (!has_db) {
-                fail_at("db", std::string("no default database for records of package ") +
-                                  desc->package_name + ": give one");
+                fail_at("db", std::string(desc->name) + " is not a record the library reads: give its database");
             }
             if (entry.contains("form")) {
                 const json &form = entry["form"];

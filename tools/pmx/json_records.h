@@ -25,8 +25,9 @@ enum class Form { Hash, Plain };
 
 const char *form_name(Form form);
 
-// Where the library reads a record kind: its database and form. False when its package has no
-// database of its own (the record then needs an explicit one).
+// Where the library reads a record kind: its database and form, from the library's record
+// catalogue. False when the library does not read the kind (it then needs an explicit database,
+// and is plain unless told otherwise).
 bool default_placement(const ProtobufCMessageDescriptor *record, int *db, Form *form);
 
 // The key message of a record kind: the type of its message field `index` when that type's

@@ -1,0 +1,71 @@
+/* Records that cross the library's layers: what the database reads decode into and the caches
+ * above them store. They depend on nothing of the library but its export macros, so the
+ * database access and every cache owner can share them without pointing at each other. */
+#ifndef LIBPMX_TYPES_H
+#define LIBPMX_TYPES_H
+
+#include <stdint.h>
+
+#include "libpmx_export.h"
+
+LIBPMX_BEGIN_DECLS
+
+/* A circular doubly linked list node; an empty list's head points at itself. */
+typedef struct libpmx_list {
+    struct libpmx_list *next;
+    struct libpmx_list *prev;
+} libpmx_list_t;
+
+/* Interface info: what callers pass in and get back, in the order of the node log line. The
+ * interface and physical-port records of the database decode into it. */
+typedef struct libpmx_intf_info {
+    uint32_t ifx;
+    uint32_t gphyid;
+    uint32_t lphyid;
+    int32_t modid;
+    int32_t mport;
+    int32_t unit;
+    int32_t port;
+    int32_t dev;
+    int32_t slot;
+    int32_t sslot;
+    int32_t lport;
+    int32_t vid;
+    int32_t llcbtype;
+    uint8_t is_valid;
+    int32_t core;
+} libpmx_intf_info_t;
+
+/* Chip units of a card: a unit number above 7 is invalid. */
+#define LIBPMX_UNITS_MAX 8
+
+/* Static attributes of a card type. */
+typedef struct libpmx_card_stattr {
+    int32_t max_lport_id;               /* highest panel port number, -1 unknown */
+    int32_t chip_num;                   /* forwarding chip units, virtual ones included, -1 unknown */
+    int32_t max_port[LIBPMX_UNITS_MAX]; /* highest port of each unit, 0 unknown */
+    uint32_t alloc_mode[4];             /* module-id allocation: mode, id_num, idnum_per_unit, support_num */
+    int32_t intraband_chip_num;         /* -1 unknown */
+    int32_t virtual_unit_num;           /* -1 unknown */
+} libpmx_card_stattr_t;
+
+/* A sub-AP interface and its parent port (cache family libpmx_sub_ap_info). */
+typedef struct libpmx_sub_ap_info {
+    uint32_t ifx; /* key: the sub-AP interface */
+    uint32_t phyid;
+    uint32_t evlan;
+    uint32_t trunk;
+    uint32_t master_phyid;
+} libpmx_sub_ap_info_t;
+
+/* A sub-route interface and its parent port (cache family libpmx_sub_route_info). */
+typedef struct libpmx_sub_route_info {
+    uint32_t ifx; /* key: the sub-route interface */
+    uint32_t phyid;
+    uint32_t evlan;
+    uint32_t master_phyid;
+} libpmx_sub_route_info_t;
+
+LIBPMX_END_DECLS
+
+#endif /* LIBPMX_TYPES_H */

@@ -1,0 +1,95 @@
+// The record catalogue against what depends on it: the documented table, the data source's
+// in-keys, and the codes the data-source registration returns.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "libpmx_mom.h"
+#include "log_capture.h"
+
+namespace {
+
+// "| `p_dev.card_info` | `p_dev.card_info_index` | 1 | hash | waits | yes | ..." from the table of
+// docs/database.md under "The library's records".
+std::vector<std::string> documented_rows()
+{
+    std::ifstream doc(PMX_SOURCE_DIR "/docs/database.md");
+    std::vector<std::string> rows;
+    std::string line;
+    bool in_section = false;
+    while (std::getline(doc, line)) {
+        if (line.starts_with("## ")) in_section = line == "## The library's records";
+        if (in_section && line.starts_with("| `")) rows.push_back(line.substr(0, line.rfind(" | ")));
+    }
+    return rows;
+}
+
+std::string catalogue_row(const libpmx_record_kind_t &k)
+{
+    std::ostringstream row;
+    row << "| `" << k.record->name << "` | "
+        << (k.key == k.record ? std::string("(singleton)") : "`" + std::string(k.key->name) + "`") << " | " << k.db
+        << " | " << (k.hash ? "hash" : "plain") << " | " << (k.waits ? "waits" : "once") << " | "
+        << (k.followed ? "yes" : "no");
+    return row.str();
+}
+
+} // namespace
+
+TEST(RecordCatalogue, DocumentedTableIsTheCatalogue)
+{
+    std::vector<std::string> catalogue;
+    for (uint32_t i = 0; const libpmx_record_kind_t *k = libpmx_record_kind_at(i); ++i) {
+        catalogue.push_back(catalogue_row(*k));
+        EXPECT_EQ(libpmx_record_kind_find(k->record->name), k);
+    }
+    EXPECT_EQ(documented_rows(), catalogue);
+    EXPECT_EQ(libpmx_record_kind_find("u_intf.pmx_nope"), nullptr);
+    EXPECT_EQ(libpmx_record_kind_find(nullptr), nullptr);
+}
+
+// The subscription order is part of the library's contract with the database client.
+TEST(RecordCatalogue, InKeysAreTheFollowedKindsInSubscriptionOrder)
+{
+    const char *expected[LIBPMX_MOM_IN_KEYS][2] = {
+        {"p_dev.dp_lib_my_info", "p_dev.dp_lib_my_info"},
+        {"p_dev.local_port_info", "p_dev.local_port_info"},
+        {"p_dev.unit_cport_index", "p_dev.unit_cport_info"},
+        {"p_dev.dm_card_stattr_index", "p_dev.dm_card_stattr_t"},
+        {"p_dev.dp_lib_complete", "p_dev.dp_lib_complete"},
+        {"p_dev.card_info_index", "p_dev.card_info"},
+        {"p_dev.local_card_info_index", "p_dev.local_card_port_ready"},
+        {"s_cluster.ixn_lport_info", "s_cluster.ixn_lport_info"},
+        {"s_cluster.ixn_lport_to_upt_index", "s_cluster.ixn_lport_to_upt"},
+        {"u_intf.ifx_index", "u_intf.pmx_ifx_tbl"},
+        {"u_intf.ifx_index", "u_intf.pmx_sub_ap_intf"},
+        {"u_intf.ifx_index", "u_intf.pmx_sub_route_intf"},
+        {"u_intf.phy_index", "u_intf.pmx_phy_tbl"},
+        {"u_intf.mod_index", "u_intf.pmx_mod_tbl"},
+        {"u_intf.card_address_id_index", "u_intf.pmx_card_address_id"},
+        {"p_dev.dp_lib_my_chss", "p_dev.dp_lib_my_chss"},
+    };
+    const qv_mom_key_desc_t *keys = libpmx_mom_in_keys();
+    for (int i = 0; i < LIBPMX_MOM_IN_KEYS; ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_STREQ(keys[i].key->name, expected[i][0]);
+        EXPECT_STREQ(keys[i].value->name, expected[i][1]);
+        EXPECT_STREQ(keys[i].owner, "libpmx");
+        EXPECT_EQ(keys[i].db, libpmx_record_kind_find(expected[i][1])->db);
+    }
+}
+
+// Without the library's database handle the registration fails in the platform; the caller gets
+// the library's code, the log has both.
+TEST(RecordCatalogue, RegistrationFailureReturnsTheLibrarysCode)
+{
+    LogCapture log(1);
+    ASSERT_EQ(g_libpmx_mom_ab, nullptr);
+    EXPECT_EQ(libpmx_mom_init(nullptr, "x"), LIBPMX_E_FAIL);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "reg ds fail, ds_id:" + std::to_string(QV_MOM_E_INVAL) + "\n"));
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "libpmx ds register failed, ret:-11\n"));
+    EXPECT_EQ(g_libpmx_mom.ds, -1);
+}
