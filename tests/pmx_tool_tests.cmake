@@ -40,17 +40,19 @@ pmx_tool_test(odd_hex EXPECT_FAIL ARGS "decode|u_intf.pmx_ifx_tbl|0x2a020"
 pmx_tool_test(list_kinds ARGS "decode|--list"
   STDOUT_REGEX "(^|\n)p_dev.card_info\n(.*\n)?u_intf.pmx_ifx_tbl\n")
 
-# pmx shell against a live server: ssat_test_server serves the module "demo" (commands echo and
-# fail) from a private directory while it runs the tool; its log shares standard error.
-add_executable(ssat_test_server ${CMAKE_CURRENT_SOURCE_DIR}/ssat_test_server.cpp)
-target_link_libraries(ssat_test_server PRIVATE pmxhost)
-pmx_strict_warnings(ssat_test_server)
+# pmx shell against a live server: ssat_test_server serves the module "demo" (commands echo, fail
+# and pid) from a private directory while it runs the tool; its log shares standard error. With
+# TWICE a second server of "demo" runs the tool beside the first.
 
 function(pmx_shell_test name)
-  cmake_parse_arguments(T "EXPECT_FAIL" "ARGS;STDIN;STDOUT_REGEX;STDERR_REGEX" "" ${ARGN})
+  cmake_parse_arguments(T "EXPECT_FAIL;TWICE" "ARGS;STDIN;STDOUT_REGEX;STDERR_REGEX;EXPECT_STATUS" "" ${ARGN})
+  set(run "$<TARGET_FILE:pmx_tool>|shell")
+  if(T_TWICE)
+    set(run "$<TARGET_FILE:ssat_test_server>|${run}")
+  endif()
   add_test(NAME pmx_tool_shell_${name}
     COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:ssat_test_server>
-            "-DARGS=$<TARGET_FILE:pmx_tool>|shell|${T_ARGS}" "-DSTDIN=${T_STDIN}"
+            "-DARGS=${run}|${T_ARGS}" "-DSTDIN=${T_STDIN}" "-DEXPECT_STATUS=${T_EXPECT_STATUS}"
             -DEXPECT_FAIL=${T_EXPECT_FAIL} "-DSTDOUT_REGEX=${T_STDOUT_REGEX}"
             "-DSTDERR_REGEX=${T_STDERR_REGEX}" -P ${CMAKE_CURRENT_SOURCE_DIR}/run_pmx_tool.cmake)
 endfunction()
@@ -63,12 +65,23 @@ pmx_shell_test(list ARGS "demo|--list"
 pmx_shell_test(unknown EXPECT_FAIL ARGS "demo|nope|x"
   STDERR_REGEX "unknown command 'nope' in module demo; 'help' lists the commands")
 pmx_shell_test(not_serving EXPECT_FAIL ARGS "absent|echo|x"
-  STDERR_REGEX "(^|\n)pmx: module absent is not serving: cannot connect to /[^\n]*/absent.sock: ")
+  STDERR_REGEX "(^|\n)pmx: module absent is not serving: no process answers on a socket of it in /")
+pmx_shell_test(not_that_pid EXPECT_FAIL ARGS "demo|--pid|1|echo|x"
+  STDERR_REGEX "(^|\n)pmx: module demo is not serving in process 1: cannot connect to /[^\n]*/demo.1.sock: ")
 pmx_shell_test(bad_module EXPECT_FAIL ARGS "../x|echo" STDERR_REGEX "invalid module name '../x'")
 # Lines from standard input: blanks trimmed, empty lines skipped, "quit" ends the session, and
 # a failed command makes it fail.
 pmx_shell_test(session EXPECT_FAIL ARGS "demo" STDIN ${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_shell_session.in
   STDOUT_REGEX "^one\ntwo\nfailing with 2\n$" STDERR_REGEX "'fail' ended with code 2")
+# Two processes serve "demo": both are listed, neither is picked without --pid, each by its pid.
+set(pmx_demo_row "demo +[0-9]+  /[^\n]*/demo\\.[0-9]+\\.sock\n")
+pmx_shell_test(list_modules TWICE ARGS "--list-modules" STDOUT_REGEX "^${pmx_demo_row}${pmx_demo_row}$")
+pmx_shell_test(several TWICE EXPECT_STATUS 2 ARGS "demo|echo|x"
+  STDERR_REGEX "(^|\n)pmx: module demo is served by several processes; pick one with --pid:\n  ${pmx_demo_row}  ${pmx_demo_row}")
+add_test(NAME pmx_tool_shell_pick_pid
+  COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:ssat_test_server>
+          "-DARGS=$<TARGET_FILE:ssat_test_server>|sh|-c|out=$(\"$0\" shell demo --pid $SSAT_TEST_SERVER_PID pid) && test \"$out\" = $SSAT_TEST_SERVER_PID|$<TARGET_FILE:pmx_tool>"
+          -P ${CMAKE_CURRENT_SOURCE_DIR}/run_pmx_tool.cmake)
 
 # Records from a JSON file in the embedded store, which lives as long as one pmx run: every
 # command below loads the sample chassis itself.

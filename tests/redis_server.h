@@ -3,9 +3,7 @@
 // with the reason in error(): integration suites assert on it and never skip.
 #pragma once
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,8 +17,6 @@
 #include <string>
 #include <thread>
 
-extern char **environ;
-
 namespace pmx_test {
 
 class RedisServer {
@@ -28,8 +24,7 @@ public:
     RedisServer()
     {
         const char *tmp = std::getenv("TMPDIR");
-        std::string tmpl =
-            std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/pmx-redis.XXXXXX";
+        std::string tmpl = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/pmx-redis.XXXXXX";
         if (::mkdtemp(tmpl.data()) != nullptr)
             dir_ = tmpl;
         else
@@ -38,10 +33,8 @@ public:
     ~RedisServer()
     {
         stop();
-        if (!dir_.empty()) {
-            std::error_code ec;
-            std::filesystem::remove_all(dir_, ec);
-        }
+        std::error_code ec;
+        if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
     }
     RedisServer(const RedisServer &) = delete;
     RedisServer &operator=(const RedisServer &) = delete;
@@ -53,9 +46,10 @@ public:
     // Kills the server with SIGKILL (nothing is saved) and waits until it is gone.
     bool kill9()
     {
-        pid_t pid = server_pid();
+        long pid = 0;
+        std::ifstream(dir_ + "/redis.pid") >> pid;
         if (pid <= 0) return fail("no server pid in " + dir_);
-        if (::kill(pid, SIGKILL) != 0)
+        if (::kill(static_cast<pid_t>(pid), SIGKILL) != 0)
             return fail("kill -9 " + std::to_string(pid) + ": " + std::strerror(errno));
         for (int i = 0; i < 500; ++i) { // a killed process is gone within milliseconds
             if (!process_alive(pid)) return true;
@@ -73,9 +67,7 @@ public:
     // The private-server script of this source tree.
     static std::string script_path()
     {
-        return (std::filesystem::path(__FILE__).parent_path().parent_path() / "scripts" /
-                "redis-private")
-            .string();
+        return (std::filesystem::path(__FILE__).parent_path().parent_path() / "scripts" / "redis-private").string();
     }
 
 private:
@@ -84,42 +76,28 @@ private:
         error_ = why;
         return false;
     }
+    static std::string quoted(const std::string &s)
+    {
+        std::string out = "'";
+        for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return out + "'";
+    }
 
     // Runs "redis-private CMD DIR"; its output becomes error() when it fails.
     bool script(const char *cmd)
     {
-        const std::string path = script_path();
         const std::string out = dir_ + "/script.out";
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_adddup2(&fa, 1, 2);
-        std::string args[] = {"bash", path, cmd, dir_};
-        char *argv[] = {args[0].data(), args[1].data(), args[2].data(), args[3].data(), nullptr};
-        pid_t child = 0;
-        int rc = posix_spawnp(&child, "bash", &fa, nullptr, argv, environ);
-        posix_spawn_file_actions_destroy(&fa);
-        if (rc != 0) return fail(std::string("cannot run ") + path + ": " + std::strerror(rc));
-        int status = 0;
-        while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-        }
-        if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
-        std::ifstream in(out);
+        const int status = std::system(("bash " + quoted(script_path()) + " " + cmd + " " + quoted(dir_) + " >" +
+                                        quoted(out) + " 2>&1")
+                                           .c_str());
+        if (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
         std::stringstream text;
-        text << in.rdbuf();
-        return fail(path + " " + cmd + " failed: " + text.str());
-    }
-
-    pid_t server_pid() const
-    {
-        std::ifstream in(dir_ + "/redis.pid");
-        long pid = 0;
-        in >> pid;
-        return static_cast<pid_t>(pid);
+        text << std::ifstream(out).rdbuf();
+        return fail(script_path() + " " + cmd + " failed: " + text.str());
     }
 
     // Running, and not an exited process waiting to be reaped.
-    static bool process_alive(pid_t pid)
+    static bool process_alive(long pid)
     {
         std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
         std::string line;

@@ -3,6 +3,7 @@
 #   ARGS            its arguments, separated by '|'
 #   STDIN           file fed to standard input (optional)
 #   EXPECT_FAIL     ON: the tool must exit non-zero; otherwise it must exit 0
+#   EXPECT_STATUS   the exact exit status it must end with (optional)
 #   EXPECT_STDOUT   file that standard output must equal exactly (optional)
 #   STDOUT_REGEX    regex that standard output must match (optional)
 #   STDERR_REGEX    regex that standard error must match (optional)
@@ -15,7 +16,11 @@ execute_process(COMMAND "${TOOL}" ${args} ${input_args}
   RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
 
 set(problems "")
-if(EXPECT_FAIL AND rc EQUAL 0)
+if(NOT "${EXPECT_STATUS}" STREQUAL "")
+  if(NOT rc EQUAL EXPECT_STATUS)
+    string(APPEND problems "exit status ${rc}, expected ${EXPECT_STATUS}\n")
+  endif()
+elseif(EXPECT_FAIL AND rc EQUAL 0)
   string(APPEND problems "exit status 0, expected a failure\n")
 elseif(NOT EXPECT_FAIL AND NOT rc EQUAL 0)
   string(APPEND problems "exit status ${rc}, expected 0\n")

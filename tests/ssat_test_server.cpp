@@ -1,6 +1,7 @@
-// Serves the debug-shell module "demo" with two commands. Given a command line, it runs that
-// program while serving and exits with its status; without one it serves until killed.
-// Unless PMX_RUN_DIR is set, the socket goes to a fresh directory of its own.
+// Serves the debug-shell module "demo" with three commands. Given a command line, it runs that
+// program while serving (with SSAT_TEST_SERVER_PID set to this process's id) and exits with its
+// status; without one it serves until killed. Unless PMX_RUN_DIR is set, the socket goes to a
+// fresh directory of its own, which a nested server run as that program shares.
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
@@ -31,6 +32,12 @@ int cmd_fail(const char *args)
     return code;
 }
 
+int cmd_pid(const char *)
+{
+    ssat_printf("%d\n", static_cast<int>(getpid()));
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -51,6 +58,7 @@ int main(int argc, char **argv)
 
     ssat_multi_thread_reg_mod_cmd("demo", "echo", "print the arguments", cmd_echo);
     ssat_multi_thread_reg_mod_cmd("demo", "fail", "end with the code given (default 1)", cmd_fail);
+    ssat_multi_thread_reg_mod_cmd("demo", "pid", "print the process id", cmd_pid);
     if (ssat_multi_thread_init("demo") != SSAT_OK) return 1;
 
     int status = 0;
@@ -58,6 +66,7 @@ int main(int argc, char **argv)
         int sig;
         sigwait(&stop_signals, &sig);
     } else {
+        setenv("SSAT_TEST_SERVER_PID", std::to_string(getpid()).c_str(), 1);
         posix_spawnattr_t attr;
         posix_spawnattr_init(&attr);
         sigset_t none;

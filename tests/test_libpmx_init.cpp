@@ -2,6 +2,8 @@
 // and its temporary recording.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <string>
 
@@ -11,7 +13,7 @@
 #include "log_capture.h"
 #include "qv_mom.h"
 #include "ssat.h"
-#include "ssat_wire.h"
+#include "ssat_client.h"
 #include "temp_dir.h"
 
 namespace {
@@ -33,17 +35,17 @@ int32_t level_from_file(const pmx_test::TempDir &dir, const char *content, int32
     return g_libpmx_zlog_level;
 }
 
-// Runs one command line in the debug shell of module; its output, and its code in *code.
+// Runs one command line in this process's debug shell of module; its output, and its code in
+// *code.
 std::string shell(const char *module, const char *line, int32_t *code)
 {
-    char path[256];
-    ssat_socket_path(module, path, sizeof path);
-    std::string err, out;
-    const int fd = ssat_wire::connect_socket(path, &err);
-    EXPECT_GE(fd, 0) << err;
-    EXPECT_TRUE(ssat_wire::run_line(fd, line, [&](ssat_wire::Frame, std::string_view t) { out += t; }, code, &err))
-        << err;
-    close(fd);
+    ssat_client_t *client = nullptr;
+    char out[4096] = "";
+    EXPECT_EQ(ssat_client_connect(module, getpid(), &client), SSAT_CLIENT_OK)
+        << ssat_client_last_error();
+    EXPECT_EQ(ssat_client_run_buf(client, line, out, sizeof out, nullptr, code), SSAT_CLIENT_OK)
+        << ssat_client_last_error();
+    ssat_client_close(client);
     return out;
 }
 

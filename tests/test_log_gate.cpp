@@ -43,23 +43,13 @@ TEST(LogGate, EachLevelLetsThroughItsStatementsOnly)
 
 TEST(LogGate, TextIsBoundedAndNeedsAnOpenCategory)
 {
-    {
-        LogCapture cap(5);
-        const std::string longer(3000, 'x');
-        PMX_LOG_AS("libpmx_get_app_name", LIBPMX_ZLOG_INFO, "app name:%s", longer.c_str());
-        ASSERT_EQ(cap.lines().size(), 1u);
-        EXPECT_EQ(cap.lines()[0].func, "libpmx_get_app_name");
-        EXPECT_EQ(cap.lines()[0].text.size(), 1023u) << "a 1024-byte buffer, terminated";
-        EXPECT_EQ(cap.lines()[0].text.rfind("app name:xxx", 0), 0u);
-    }
-    // With no category open, statements that pass the gate are dropped.
     LogCapture cap(5);
+    PMX_LOG_AS("libpmx_get_app_name", LIBPMX_ZLOG_INFO, "app name:%s", std::string(3000, 'x').c_str());
+    ASSERT_EQ(cap.lines().size(), 1u);
+    EXPECT_EQ(cap.lines()[0].func, "libpmx_get_app_name");
+    EXPECT_EQ(cap.lines()[0].text, "app name:" + std::string(1023 - 9, 'x')) << "a 1024-byte buffer";
+    // With no category open, statements that pass the gate are dropped.
     g_libpmx_zlog_category = nullptr;
     PMX_ERROR("dropped");
-    EXPECT_TRUE(cap.lines().empty());
-}
-
-TEST(LogGate, LoadsAtErrorLevel)
-{
-    EXPECT_EQ(g_libpmx_zlog_level, 1);
+    EXPECT_EQ(cap.lines().size(), 1u);
 }

@@ -226,33 +226,24 @@ TEST_F(PortIdentity, CardStattrWaitIsBoundedAndSkippedWhenBarred)
 
 TEST_F(PortIdentity, CardStattrDecoder)
 {
-    PDev__DmPortAttrT p0, p1, p2, p3;
-    protobuf_c_message_init(&p_dev__dm_port_attr_t__descriptor, &p0);
-    protobuf_c_message_init(&p_dev__dm_port_attr_t__descriptor, &p1);
-    protobuf_c_message_init(&p_dev__dm_port_attr_t__descriptor, &p2);
-    protobuf_c_message_init(&p_dev__dm_port_attr_t__descriptor, &p3);
-    p0.unit = 0;
-    p0.port = 10;
-    p0.lport = 5;
-    p1.unit = 0;
-    p1.port = 4;
-    p1.lport = 30;
-    p2.unit = 7;
-    p2.port = 20;
-    p2.lport = 12;
-    p3.unit = 8;
-    p3.port = 99;
-    p3.lport = 3; // beyond the units: its port is ignored
-    PDev__DmPortAttrT *first[] = {&p0, &p1};
-    PDev__DmPortAttrT *second[] = {&p2, &p3};
-    PDev__DmChipAttrT c0, c1;
-    protobuf_c_message_init(&p_dev__dm_chip_attr_t__descriptor, &c0);
-    protobuf_c_message_init(&p_dev__dm_chip_attr_t__descriptor, &c1);
-    c0.n_port_attr = 2;
-    c0.port_attr = first;
-    c1.n_port_attr = 2;
-    c1.port_attr = second;
-    PDev__DmChipAttrT *chips[] = {&c0, &c1};
+    // {unit, port, lport}: the last port's unit is beyond the units, so its port is ignored.
+    const int32_t attrs[4][3] = {{0, 10, 5}, {0, 4, 30}, {7, 20, 12}, {8, 99, 3}};
+    PDev__DmPortAttrT ports[4];
+    PDev__DmPortAttrT *lists[2][2];
+    for (int i = 0; i < 4; ++i) {
+        protobuf_c_message_init(&p_dev__dm_port_attr_t__descriptor, &ports[i]);
+        ports[i].unit = attrs[i][0];
+        ports[i].port = attrs[i][1];
+        ports[i].lport = attrs[i][2];
+        lists[i / 2][i % 2] = &ports[i];
+    }
+    PDev__DmChipAttrT c[2];
+    PDev__DmChipAttrT *chips[] = {&c[0], &c[1]};
+    for (int i = 0; i < 2; ++i) {
+        protobuf_c_message_init(&p_dev__dm_chip_attr_t__descriptor, &c[i]);
+        c[i].n_port_attr = 2;
+        c[i].port_attr = lists[i];
+    }
     PDev__DmCardStattrT r;
     protobuf_c_message_init(&p_dev__dm_card_stattr_t__descriptor, &r);
     r.chip_num = 2;
@@ -262,17 +253,14 @@ TEST_F(PortIdentity, CardStattrDecoder)
     libpmx_card_stattr_t a{};
     ASSERT_EQ(libpmx_dmcard_stattr_decode(&r, &a), 0);
     EXPECT_EQ(a.max_lport_id, 30);
-    EXPECT_EQ(a.max_port[0], 10);
-    EXPECT_EQ(a.max_port[7], 20);
-    for (int u = 1; u < 7; ++u)
-        EXPECT_EQ(a.max_port[u], 0) << "unit " << u;
+    const int32_t max_port[8] = {10, 0, 0, 0, 0, 0, 0, 20};
+    for (int u = 0; u < 8; ++u)
+        EXPECT_EQ(a.max_port[u], max_port[u]) << "unit " << u;
     for (uint32_t w : a.alloc_mode)
         EXPECT_EQ(w, 0u) << "no alloc mode in the record";
 
-    PDev__DmCardStattrT empty;
-
-    protobuf_c_message_init(&p_dev__dm_card_stattr_t__descriptor, &empty);
-    ASSERT_EQ(libpmx_dmcard_stattr_decode(&empty, &a), 0);
+    r.n_chip_attr_array = 0;
+    ASSERT_EQ(libpmx_dmcard_stattr_decode(&r, &a), 0);
     EXPECT_EQ(a.max_lport_id, -1) << "no ports";
 }
 
@@ -332,11 +320,13 @@ TEST_F(PortIdentity, TypedGettersDecodeTheirRecords)
     ASSERT_EQ(libpmx_get_card_type_from_db(1, 4, 0, &card_type, 2), 0);
     EXPECT_EQ(card_type, 321);
 
-    // A missing record leaves the outputs alone.
+    // A missing record leaves the outputs alone, and the log names the record and its key.
+    LogCapture log(2);
     int32_t unit = -5, cport = -5;
     EXPECT_EQ(libpmx_get_info_from_lport(9, &unit, &cport), LIBPMX_E_NOT_FOUND);
     EXPECT_EQ(unit, -5);
     EXPECT_EQ(cport, -5);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_WARN, "get p_dev.lport_info failed, db:1 key:PDev__LportIndex-{lport:9} op:0 ret:-7"));
 }
 
 TEST_F(PortIdentity, ValidModuleTableOnlyWhenAllocated)

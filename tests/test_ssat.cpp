@@ -1,11 +1,16 @@
-// Debug shell: an in-process server and clients speaking the wire format over its socket.
+// Debug shell: an in-process server (and a second process's), clients of the public API, and
+// raw clients speaking the wire format over the socket.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -13,14 +18,17 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "qv_zlog.h"
+#include "log_capture.h"
 #include "ssat.h"
+#include "ssat_client.h"
 #include "ssat_wire.h"
+
+extern char **environ;
 
 namespace
 {
@@ -38,6 +46,10 @@ int cmd_code(const char *args)
 int cmd_where(const char *)
 {
     return ssat_printf(ssat_out() == stdout ? "stdout\n" : "shell\n") < 0;
+}
+int cmd_pid(const char *)
+{
+    return ssat_printf("%d\n", static_cast<int>(getpid())) < 0;
 }
 int cmd_stop_self(const char *)
 {
@@ -71,10 +83,28 @@ struct Reply {
     int32_t code = 0;
 };
 
-class Client
+// Runs one line through the public API in module's process pid (0: the only one); the output
+// and the shell's messages both land in output.
+Reply run_in(const std::string &module, const std::string &line, pid_t pid = getpid())
+{
+    Reply r;
+    auto sink = [](void *out, int, const char *text, size_t size) {
+        static_cast<std::string *>(out)->append(text, size);
+    };
+    ssat_client_t *c = nullptr;
+    r.ok = ssat_client_connect(module.c_str(), pid, &c) == 0 &&
+           ssat_client_set_timeout(c, 5000) == 0 &&
+           ssat_client_run(c, line.c_str(), sink, &r.output, &r.code) == 0;
+    r.error = ssat_client_last_error();
+    ssat_client_close(c);
+    return r;
+}
+
+// A client speaking the wire format itself, for what the public API never sends.
+class Wire
 {
   public:
-    explicit Client(const char *module)
+    explicit Wire(const char *module)
     {
         std::string error;
         fd_ = ssat_wire::connect_socket(path_of(module), &error);
@@ -82,8 +112,7 @@ class Client
         timeval tv{5, 0}; // a broken server fails the test instead of hanging it
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     }
-    ~Client() { close(fd_); }
-    int fd() const { return fd_; }
+    ~Wire() { close(fd_); }
 
     // Sends bytes as they are (several lines, or none) and reads one answer.
     Reply send(const std::string &bytes)
@@ -113,9 +142,6 @@ class Client
     int fd_ = -1;
 };
 
-std::mutex g_log_mutex;
-std::vector<std::string> g_log;
-
 class SsatTest : public ::testing::Test
 {
   protected:
@@ -125,37 +151,32 @@ class SsatTest : public ::testing::Test
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir_ = tmpl;
         setenv("PMX_RUN_DIR", tmpl, 1);
-        qv_zlog_set_capture(
-            [](int, const char *, const char *text, void *) {
-                std::lock_guard<std::mutex> lock(g_log_mutex);
-                g_log.push_back(text);
-            },
-            nullptr);
     }
     void TearDown() override
     {
         for (const auto &m : modules_)
             ssat_multi_thread_stop(m.c_str());
-        qv_zlog_set_capture(nullptr, nullptr);
         unsetenv("PMX_RUN_DIR");
         unsetenv("XDG_RUNTIME_DIR");
         std::filesystem::remove_all(dir_);
     }
-    int serve(const char *module)
+    int serve(const std::string &module)
     {
         modules_.push_back(module);
-        ssat_multi_thread_reg_mod_cmd(module, "echo", "print the arguments", cmd_echo);
-        ssat_multi_thread_reg_mod_cmd(module, "code", "end with the code given", cmd_code);
-        return ssat_multi_thread_init(module);
+        ssat_multi_thread_reg_mod_cmd(module.c_str(), "echo", "print the arguments", cmd_echo);
+        ssat_multi_thread_reg_mod_cmd(module.c_str(), "code", "end with the code given", cmd_code);
+        ssat_multi_thread_reg_mod_cmd(module.c_str(), "pid", "print the process id", cmd_pid);
+        return ssat_multi_thread_init(module.c_str());
     }
     // True when one logged line holds both texts.
-    static bool logged(const std::string &a, const std::string &b)
+    bool logged(const std::string &a, const std::string &b) const
     {
-        std::lock_guard<std::mutex> lock(g_log_mutex);
-        for (const auto &l : g_log)
-            if (l.find(a) != std::string::npos && l.find(b) != std::string::npos) return true;
+        for (const auto &l : log_.lines())
+            if (l.text.find(a) != std::string::npos && l.text.find(b) != std::string::npos)
+                return true;
         return false;
     }
+    LogCapture log_;
     std::string dir_;
     std::vector<std::string> modules_;
 };
@@ -164,50 +185,57 @@ TEST_F(SsatTest, RunsCommandsWithTheirArgumentsAndCodes)
 {
     ASSERT_EQ(serve("m1"), SSAT_OK);
     EXPECT_EQ(ssat_multi_thread_init("m1"), SSAT_OK); // a second start is a no-op
-    Client c("m1");
-    Reply r = c.run("echo dbg_level=4");
+    Reply r = run_in("m1", "echo dbg_level=4");
     EXPECT_TRUE(r.ok && r.output == "[dbg_level=4]\n" && r.code == 0) << r.error << r.output;
-    EXPECT_EQ(c.run("echo").output, "[]\n");
-    EXPECT_EQ(c.run("  echo \t a\tb  c \t").output, "[a\tb  c]\n");
-    r = c.run("code -5");
-    EXPECT_EQ(r.output, "code -5\n");
-    EXPECT_EQ(r.code, -5);
-    EXPECT_EQ(c.run("code 7").code, 7);
-    r = c.run("   ");
+    EXPECT_EQ(run_in("m1", "echo").output, "[]\n");
+    EXPECT_EQ(run_in("m1", "  echo \t a\tb  c \t").output, "[a\tb  c]\n");
+    r = run_in("m1", "code -5");
+    EXPECT_TRUE(r.output == "code -5\n" && r.code == -5) << r.output;
+    r = run_in("m1", "   ");
     EXPECT_TRUE(r.ok && r.output.empty() && r.code == 0);
     // Two lines in one write get two answers, in order.
-    EXPECT_EQ(c.send("echo a\necho b\n").output, "[a]\n");
-    EXPECT_EQ(c.read().output, "[b]\n");
+    Wire w("m1");
+    EXPECT_EQ(w.send("echo a\necho b\n").output, "[a]\n");
+    EXPECT_EQ(w.read().output, "[b]\n");
+
+    // The buffer form cuts the text and tells its length; a refused line is not even sent.
+    ssat_client_t *c = nullptr;
+    ASSERT_EQ(ssat_client_connect("m1", 0, &c), SSAT_CLIENT_OK) << ssat_client_last_error();
+    char buf[8];
+    size_t length = 0;
+    int code = 1;
+    EXPECT_EQ(ssat_client_run_buf(c, "echo abcdefghij", buf, sizeof buf, &length, &code), 0);
+    EXPECT_TRUE(std::string(buf) == "[abcdef" && length == 13 && code == 0) << buf << length;
+    EXPECT_EQ(ssat_client_run(c, "echo a\x01", nullptr, nullptr, &code), SSAT_CLIENT_E_INVAL);
+    EXPECT_TRUE(ssat_client_run(c, "code 2", nullptr, nullptr, &code) == 0 && code == 2);
+    ssat_client_close(c);
 }
 
 TEST_F(SsatTest, HelpListsCommandsInRegistrationOrder)
 {
     ASSERT_EQ(serve("m2"), SSAT_OK);
-    EXPECT_EQ(ssat_multi_thread_reg_mod_cmd("m2", "echo", "again", cmd_echo), SSAT_E_EXISTS);
-    EXPECT_EQ(ssat_multi_thread_reg_mod_cmd("m2", "help", "mine", cmd_echo), SSAT_E_EXISTS);
+    for (const char *taken : {"echo", "help", ".module"})
+        EXPECT_EQ(ssat_multi_thread_reg_mod_cmd("m2", taken, "mine", cmd_echo), SSAT_E_EXISTS);
     for (const char *bad : {"a b", "", "a\x01"})
         EXPECT_EQ(ssat_multi_thread_reg_mod_cmd("m2", bad, "", cmd_echo), SSAT_E_INVAL) << bad;
     EXPECT_EQ(ssat_multi_thread_reg_mod_cmd("m2", "x", "", nullptr), SSAT_E_INVAL);
     EXPECT_EQ(ssat_multi_thread_reg_mod_cmd("a/b", "x", "", cmd_echo), SSAT_E_INVAL);
+    EXPECT_EQ(ssat_client_list("a/b", nullptr, 0), SSAT_CLIENT_E_INVAL);
     // Registered while serving: available at once.
-    ASSERT_EQ(ssat_multi_thread_reg_mod_cmd("m2", "where", "tell the output stream", cmd_where),
-              SSAT_OK);
-    Client c("m2");
-    Reply r = c.run("help");
+    ASSERT_EQ(ssat_multi_thread_reg_mod_cmd("m2", "where", "tell the output stream", cmd_where), 0);
+    Reply r = run_in("m2", "help");
     EXPECT_EQ(r.code, 0);
     size_t h = r.output.find("help "), e = r.output.find("echo "), k = r.output.find("code "),
            w = r.output.find("where  tell the output stream\n");
-    ASSERT_TRUE(h != std::string::npos && e != std::string::npos && k != std::string::npos &&
-                w != std::string::npos)
-        << r.output;
-    EXPECT_TRUE(h < e && e < k && k < w) << r.output;
+    EXPECT_TRUE(h < e && e < k && k < w && w != std::string::npos) << r.output;
     EXPECT_NE(r.output.find("print the arguments"), std::string::npos);
-    r = c.run("help code");
+    EXPECT_EQ(r.output.find(".module"), std::string::npos); // answered, not listed
+    r = run_in("m2", "help code");
     EXPECT_EQ(r.output.find("echo"), std::string::npos);
     EXPECT_NE(r.output.find("end with the code given"), std::string::npos);
-    EXPECT_NE(c.run("help nope").code, 0);
+    EXPECT_NE(run_in("m2", "help nope").code, 0);
     // Inside the shell output goes to the session; elsewhere to standard output.
-    EXPECT_EQ(c.run("where").output, "shell\n");
+    EXPECT_EQ(run_in("m2", "where").output, "shell\n");
     EXPECT_EQ(ssat_out(), stdout);
     testing::internal::CaptureStdout();
     ssat_printf("plain %d\n", 5);
@@ -218,14 +246,12 @@ TEST_F(SsatTest, HelpListsCommandsInRegistrationOrder)
 TEST_F(SsatTest, RejectsBadLinesClearly)
 {
     ASSERT_EQ(serve("m3"), SSAT_OK);
-    Client c("m3");
+    Wire c("m3");
     auto refused = [](const Reply &r, const char *why) {
         return r.ok && r.code != 0 && r.output.empty() && r.message.find(why) != std::string::npos;
     };
     EXPECT_TRUE(refused(c.run("nope x"), "unknown command 'nope' in module m3; 'help' lists"));
-    EXPECT_TRUE(refused(c.run("echo a\x01"
-                              "b"),
-                        "control character 0x01 at position 7"));
+    EXPECT_TRUE(refused(c.run("echo a\x01z"), "control character 0x01 at position 7"));
     EXPECT_TRUE(refused(c.send(std::string("echo a\0b\n", 9)), "NUL byte at position 7"));
     EXPECT_TRUE(refused(c.run("echo \x7f"), "0x7f"));
     // The session survives all of that; a line of exactly the limit is accepted.
@@ -236,7 +262,7 @@ TEST_F(SsatTest, RejectsBadLinesClearly)
     // One byte more is refused and the session ends, with or without its newline.
     EXPECT_TRUE(refused(c.run(longest + "x"), "4097 bytes"));
     EXPECT_TRUE(c.closed_by_server());
-    Client d("m3");
+    Wire d("m3");
     EXPECT_TRUE(refused(d.send(std::string(3 * ssat_wire::kMaxLine, 'y')), "at most 4096"));
     EXPECT_TRUE(d.closed_by_server());
 }
@@ -247,18 +273,19 @@ TEST_F(SsatTest, ClientLeavingMidCommandDoesNotStopTheServer)
     ASSERT_EQ(ssat_multi_thread_reg_mod_cmd("m4", "flood", "", cmd_flood), SSAT_OK);
     g_client_gone = false;
     g_flood_done = false;
-    {
-        Client c("m4");
-        ASSERT_TRUE(ssat_wire::send_all(c.fd(), "flood\n", 6));
-        char first;
-        ASSERT_EQ(recv(c.fd(), &first, 1, 0), 1); // the command is running
-    }
+    // The client stops waiting while the command runs: its stream is out of step, so it is done.
+    ssat_client_t *c = nullptr;
+    int code = 0;
+    ASSERT_EQ(ssat_client_connect("m4", 0, &c), SSAT_CLIENT_OK);
+    ASSERT_EQ(ssat_client_set_timeout(c, 50), SSAT_CLIENT_OK);
+    EXPECT_EQ(ssat_client_run(c, "flood", nullptr, nullptr, &code), SSAT_CLIENT_E_TIMEOUT);
+    EXPECT_EQ(ssat_client_run(c, "echo", nullptr, nullptr, &code), SSAT_CLIENT_E_IO);
+    ssat_client_close(c);
     g_client_gone = true;
     for (int i = 0; i < 500 && !g_flood_done; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_TRUE(g_flood_done);
-    Client next("m4");
-    EXPECT_EQ(next.run("echo alive").output, "[alive]\n");
+    EXPECT_EQ(run_in("m4", "echo alive").output, "[alive]\n");
     EXPECT_TRUE(logged("m4", "left during 'flood'"));
 }
 
@@ -267,32 +294,30 @@ TEST_F(SsatTest, ServesSeveralClientsAndModules)
     ASSERT_EQ(serve("ma"), SSAT_OK);
     ASSERT_EQ(serve("mb"), SSAT_OK);
     ASSERT_EQ(ssat_multi_thread_reg_mod_cmd("ma", "where", "", cmd_where), SSAT_OK);
-    EXPECT_EQ(Client("ma").run("echo 1").output, "[1]\n");
-    Client a("ma"), b("mb"), a2("ma");
-    EXPECT_EQ(a2.run("echo 2").output, "[2]\n");
-    EXPECT_EQ(b.run("where").code, SSAT_E_INVAL); // commands belong to their module
+    Wire a("ma"), b("mb");
+    EXPECT_EQ(run_in("ma", "echo 2").output, "[2]\n"); // beside a session of the same module
+    EXPECT_EQ(b.run("where").code, SSAT_E_INVAL);      // commands belong to their module
     EXPECT_EQ(a.run("where").output, "shell\n");
 
     // Stopping one module ends its sessions and removes its socket; the other goes on.
     ssat_multi_thread_stop("ma");
     EXPECT_TRUE(a.closed_by_server());
-    struct stat st;
-    EXPECT_NE(stat(path_of("ma").c_str(), &st), 0);
+    EXPECT_FALSE(std::filesystem::exists(path_of("ma")));
     EXPECT_EQ(b.run("echo 3").output, "[3]\n");
     // Stopped, a module forgets its commands; it can be served again.
     EXPECT_EQ(serve("ma"), SSAT_OK);
-    EXPECT_EQ(Client("ma").run("where").code, SSAT_E_INVAL);
+    EXPECT_EQ(run_in("ma", "where").code, SSAT_E_INVAL);
 }
 
 TEST_F(SsatTest, LastModuleCanStopFromItsOwnCommand)
 {
     ASSERT_EQ(ssat_multi_thread_reg_mod_cmd("selfstop", "stop", "", cmd_stop_self), SSAT_OK);
     ASSERT_EQ(ssat_multi_thread_init("selfstop"), SSAT_OK);
-    Client c("selfstop");
+    Wire c("selfstop");
     EXPECT_EQ(c.run("stop").code, 3);
     EXPECT_TRUE(c.closed_by_server());
     ASSERT_EQ(serve("after"), SSAT_OK); // a new server thread
-    EXPECT_EQ(Client("after").run("echo x").output, "[x]\n");
+    EXPECT_EQ(run_in("after", "echo x").output, "[x]\n");
 }
 
 TEST_F(SsatTest, SocketFileHandling)
@@ -309,7 +334,7 @@ TEST_F(SsatTest, SocketFileHandling)
     std::string stale = path_of("stale");
     ::close(bind_at(stale, 0));
     ASSERT_EQ(serve("stale"), SSAT_OK);
-    EXPECT_EQ(Client("stale").run("echo s").output, "[s]\n");
+    EXPECT_EQ(run_in("stale", "echo s").output, "[s]\n");
     EXPECT_TRUE(logged("removed stale socket", stale));
     struct stat st;
     ASSERT_EQ(stat(stale.c_str(), &st), 0);
@@ -320,21 +345,76 @@ TEST_F(SsatTest, SocketFileHandling)
     int live_fd = bind_at(live, 1);
     EXPECT_EQ(serve("live"), SSAT_E_SOCKET);
     EXPECT_TRUE(logged("live", "a live process answers"));
-    std::string error;
-    int probe = ssat_wire::connect_socket(live, &error);
-    EXPECT_GE(probe, 0) << error;
-    ::close(probe);
+    EXPECT_TRUE(std::filesystem::exists(live));
     ::close(live_fd);
     std::ofstream(path_of("file")) << "data";
     EXPECT_EQ(serve("file"), SSAT_E_SOCKET);
     EXPECT_TRUE(std::filesystem::is_regular_file(path_of("file")));
 }
 
+TEST_F(SsatTest, SeveralProcessesServeOneModule)
+{
+    // Another process serves "demo" in the same directory; it is killed at the latest on return.
+    struct Other {
+        pid_t pid = 0;
+        ~Other()
+        {
+            if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+        }
+    } other;
+    char *argv[] = {const_cast<char *>(SSAT_TEST_SERVER), nullptr};
+    ASSERT_EQ(posix_spawn(&other.pid, argv[0], nullptr, nullptr, argv, environ), 0);
+    ASSERT_EQ(serve("demo"), SSAT_OK);
+    const pid_t child = other.pid, self = getpid();
+    ssat_client_proc_t procs[3] = {};
+    for (int i = 0; i < 500 && ssat_client_list("demo", procs, 3) < 2; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(ssat_client_list("demo", procs, 3), 2) << ssat_client_last_error();
+    EXPECT_TRUE(procs[0].pid == std::min(child, self) && procs[1].pid == std::max(child, self));
+    EXPECT_EQ(std::string(procs[0].path), dir_ + "/demo." + std::to_string(procs[0].pid) + ".sock");
+    EXPECT_EQ(ssat_client_list(nullptr, procs, 1), 2); // all of them, more than asked for
+    for (pid_t pid : {child, self})
+        EXPECT_EQ(run_in("demo", "pid", pid).output, std::to_string(pid) + "\n");
+    EXPECT_NE(run_in("demo", "pid", 0).error.find("served by 2 processes"), std::string::npos);
+
+    // Its socket outlives it: skipped while listed, removed by the next start.
+    ASSERT_TRUE(kill(child, SIGKILL) == 0 &&
+                waitpid(std::exchange(other.pid, 0), nullptr, 0) == child);
+    const std::string left = dir_ + "/demo." + std::to_string(child) + ".sock";
+    ASSERT_TRUE(std::filesystem::exists(left));
+    EXPECT_EQ(run_in("demo", "pid", 0).output, std::to_string(self) + "\n");
+    ASSERT_EQ(serve("again"), SSAT_OK);
+    EXPECT_FALSE(std::filesystem::exists(left));
+    EXPECT_TRUE(logged("removed stale socket", left));
+}
+
+TEST_F(SsatTest, LongModuleNames)
+{
+    // Two names of the longest kind that differ only past the part kept in the file name.
+    const std::string a = std::string(126, 'n') + "a", b = std::string(126, 'n') + "b";
+    ASSERT_EQ(serve(a), SSAT_OK);
+    ASSERT_EQ(serve(b), SSAT_OK);
+    EXPECT_EQ(run_in(a, ".module", 0).output, a + "\n");
+    ssat_client_proc_t procs[2];
+    ASSERT_EQ(ssat_client_list(nullptr, procs, 2), 2);
+    EXPECT_TRUE(procs[0].module == a && procs[1].module == b &&
+                procs[1].path == path_of(b.c_str()));
+    EXPECT_EQ(ssat_multi_thread_init((a + "x").c_str()), SSAT_E_INVAL); // 128 characters
+
+    // A run directory that leaves no room for any socket name is named, with the way out.
+    const std::string deep = dir_ + "/" + std::string(90, 'd');
+    setenv("PMX_RUN_DIR", deep.c_str(), 1);
+    EXPECT_EQ(serve("m"), SSAT_E_SOCKET);
+    EXPECT_TRUE(logged(deep + " is too long", "set PMX_RUN_DIR"));
+    EXPECT_EQ(ssat_client_list("m", procs, 2), SSAT_CLIENT_E_RUN_DIR);
+}
+
 TEST_F(SsatTest, DefaultDirectoryMustBePrivate)
 {
     unsetenv("PMX_RUN_DIR");
     unsetenv("XDG_RUNTIME_DIR");
-    EXPECT_EQ(path_of("x"), "/tmp/pmx-" + std::to_string(geteuid()) + "/x.sock");
+    const std::string pid = std::to_string(getpid());
+    EXPECT_EQ(path_of("x"), "/tmp/pmx-" + std::to_string(geteuid()) + "/x." + pid + ".sock");
     char small[8];
     EXPECT_EQ(ssat_socket_path("x", small, sizeof small), static_cast<int>(path_of("x").size()));
     EXPECT_EQ(std::string(small), path_of("x").substr(0, 7));
@@ -347,7 +427,7 @@ TEST_F(SsatTest, DefaultDirectoryMustBePrivate)
     struct stat st;
     ASSERT_EQ(lstat(run.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0700u);
-    EXPECT_EQ(path_of("d1"), run + "/d1.sock");
+    EXPECT_EQ(path_of("d1"), run + "/d1." + pid + ".sock");
 
     chmod(run.c_str(), 0750);
     EXPECT_EQ(serve("d2"), SSAT_E_SOCKET);

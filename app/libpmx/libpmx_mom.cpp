@@ -24,7 +24,7 @@
 #include "libpmx_records.h"
 #include "ssat.h"
 
-libpmx_mom_ctx_t g_libpmx_mom = {nullptr, -1};
+libpmx_mom_ctx_t g_libpmx_mom = {-1};
 qv_mom_ab_t *g_libpmx_mom_ab = nullptr;
 
 namespace
@@ -357,8 +357,10 @@ extern "C" const qv_mom_key_desc_t *libpmx_mom_in_keys(void)
     return in_keys().keys;
 }
 
+// glb: the application's context; the library registers through its own handle g_libpmx_mom_ab.
 extern "C" int libpmx_mom_init(void *glb, const char *app_name)
 {
+    (void)glb;
     PMX_INFO("inkeys keys_num:%d, outkey keys_num:%d", LIBPMX_MOM_IN_KEYS, 0);
     const int ds = qv_mom_reg_ds(g_libpmx_mom_ab, in_keys().keys, LIBPMX_MOM_IN_KEYS, nullptr, 0);
     if (ds < 0) {
@@ -373,7 +375,6 @@ extern "C" int libpmx_mom_init(void *glb, const char *app_name)
         PMX_ERROR("platform code %d returned as %d", rc, pmx::code_of_mom(rc));
         return pmx::code_of_mom(rc);
     }
-    g_libpmx_mom.glb = glb;
     g_libpmx_mom.ds = ds;
     libpmx_dbg_add_cmds(kMomCommands, sizeof kMomCommands / sizeof kMomCommands[0]);
     PMX_INFO("[app_name:%s] data source %d registered", app_name, ds);

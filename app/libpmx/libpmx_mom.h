@@ -54,7 +54,11 @@ LIBPMX_API int libpmx_getinfo_from_db_with_block(const qv_mom_key_t *key, int db
 /* This thread's no-block mark: set it to !can, read it. */
 LIBPMX_API void libpmx_set_can_block_to_read_db(int can);
 LIBPMX_API int libpmx_no_block_to_read_db(void);
-/* Arms the 10-second timer that clears this thread's mark; 0, or -11 without a context. */
+/* Arms the 10-second timer that clears this thread's mark; 0, or -11 without a context.
+ * The timer is on the calling thread's own timer master (from qv_mom_thread_attach) and fires
+ * only while that thread runs the master's loop (qv_thread_master_run, _run_for, or an event
+ * loop of its own on it). A thread that never runs its loop stays barred until it calls
+ * libpmx_set_can_block_to_read_db(1) itself: its waiting reads stay single attempts. */
 LIBPMX_API int libpmx_block_timer(void);
 
 /* Block records (debug commands "dump_block_info" and "clear_block_info"). */
@@ -69,7 +73,6 @@ LIBPMX_API int libpmx_dbg_cmd_set_block_times(const char *args);
 
 /* The library's database state. */
 typedef struct libpmx_mom_ctx {
-    void *glb;  /* the application's database client context, from libpmx_init */
     int32_t ds; /* the data source of the subscribed records, -1 before registration */
 } libpmx_mom_ctx_t;
 LIBPMX_API extern libpmx_mom_ctx_t g_libpmx_mom;

@@ -22,8 +22,10 @@ enum {
 /* The capabilities of one file. */
 typedef struct libqv_cap_ctrl_info libqv_cap_ctrl_info_t;
 
-/* Loads the file (path null or empty: $PMX_CAP_FILE, else the installed default) into *info.
- * A failure is logged with the file and the reason, and *info stays null. */
+/* Loads the file into *info. path null or empty: $PMX_CAP_FILE, else the default of the tree
+ * this library was loaded from (share/libpmx/caps/default.json beside its lib directory, so a
+ * moved install or a build tree finds its own). A failure is logged with the full path of the
+ * file and the reason, and *info stays null. */
 int libqv_cap_ctrl_info_init(libqv_cap_ctrl_info_t **info, const char *path);
 void libqv_cap_ctrl_info_free(libqv_cap_ctrl_info_t *info);
 /* The file the capabilities were read from. */

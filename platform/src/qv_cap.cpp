@@ -11,12 +11,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
-#include <unistd.h>
+#include <dlfcn.h>
 
 using json = nlohmann::json;
 
@@ -61,13 +62,27 @@ struct ThreadDefault {
 };
 thread_local ThreadDefault t_default;
 
-const char *choose_path(const char *path)
+// The installed default lies at a fixed place relative to this library's own directory, so a
+// moved install (or the build tree, which mirrors it) finds its own file.
+std::string installed_default()
+{
+    Dl_info where{};
+    if (dladdr(reinterpret_cast<void *>(&libqv_cap_ctrl_info_init), &where) == 0 || where.dli_fname == nullptr) {
+        QV_CAP_ERROR("no default capability file: cannot tell where the library is loaded from");
+        return {};
+    }
+    std::error_code ec;
+    std::filesystem::path lib = std::filesystem::canonical(where.dli_fname, ec);
+    if (ec) lib = where.dli_fname;
+    return (lib.parent_path() / PMX_CAP_FILE_FROM_LIBDIR).lexically_normal().string();
+}
+
+std::string choose_path(const char *path)
 {
     if (path != nullptr && *path != '\0') return path;
     const char *env = std::getenv("PMX_CAP_FILE");
     if (env != nullptr && *env != '\0') return env;
-    if (access(PMX_DEFAULT_CAP_FILE, F_OK) == 0) return PMX_DEFAULT_CAP_FILE;
-    return PMX_SOURCE_CAP_FILE;
+    return installed_default();
 }
 
 // Line and column (both from 1) of a byte offset, for parse errors.
@@ -209,14 +224,16 @@ extern "C" int libqv_cap_ctrl_info_init(libqv_cap_ctrl_info_t **info, const char
         QV_CAP_ERROR("capability load without a place for the result");
         return LIBQV_CAP_E_INVAL;
     }
+    std::string chosen;
     try {
+        chosen = choose_path(path);
         auto loaded = std::make_unique<libqv_cap_ctrl_info>();
-        loaded->path = choose_path(path);
+        loaded->path = chosen;
         int rc = load(loaded->path.c_str(), loaded.get());
         if (rc != LIBQV_CAP_OK) return rc;
         *info = loaded.release();
     } catch (const std::exception &e) {
-        QV_CAP_ERROR("cannot load capability file %s: %s", choose_path(path), e.what());
+        QV_CAP_ERROR("cannot load capability file %s: %s", chosen.empty() ? "(default)" : chosen.c_str(), e.what());
         return LIBQV_CAP_E_FILE;
     }
     std::lock_guard<std::mutex> lock(g_mutex);

@@ -2,8 +2,10 @@
 // commands run one at a time in that thread, their output framed to the attached client.
 #include "ssat.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -28,6 +30,7 @@
 #include "qv_mom.h"
 #include "qv_thread.h"
 #include "qv_zlog.h"
+#include "ssat_names.h"
 #include "ssat_wire.h"
 
 namespace
@@ -53,6 +56,7 @@ struct Command {
     std::string name;
     std::string help;
     ssat_cmd_fn fn;
+    bool listed = true; // shown by help
 };
 
 struct Module {
@@ -77,18 +81,11 @@ thread_local bool t_in_server = false;
 thread_local qv_thread_master_t *t_master = nullptr; // the shell thread's timer master
 
 int help_command(const char *args);
+int module_command(const char *args);
 
-// Module names become file names: letters, digits, '_', '-' and '.', not leading '.'.
 bool valid_module(const char *module)
 {
-    if (module == nullptr || *module == '\0' || *module == '.') return false;
-    for (const char *p = module; *p != '\0'; ++p) {
-        char c = *p;
-        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                  c == '_' || c == '-' || c == '.';
-        if (!ok) return false;
-    }
-    return true;
+    return module != nullptr && ssat_names::valid_module(module);
 }
 
 bool valid_command(const char *cmd)
@@ -99,23 +96,38 @@ bool valid_command(const char *cmd)
     return true;
 }
 
-struct RunDir {
-    std::string path;
-    bool must_be_private; // the default directory, rather than one the environment names
-};
+using ssat_names::RunDir;
 
-RunDir run_dir()
+// This process's socket of module in dir; false with *why when dir is too long for one.
+bool socket_path(const RunDir &dir, const char *module, std::string *path, std::string *why)
 {
-    const char *dir = std::getenv("PMX_RUN_DIR");
-    if (dir != nullptr && *dir != '\0') return {dir, false};
-    const char *xdg = std::getenv("XDG_RUNTIME_DIR");
-    if (xdg != nullptr && *xdg != '\0') return {std::string(xdg) + "/pmx", true};
-    return {"/tmp/pmx-" + std::to_string(geteuid()), true};
+    std::string stem;
+    if (!ssat_names::socket_stem(dir.path, module, &stem, why)) return false;
+    *path = dir.path + "/" + ssat_names::socket_file(stem, getpid());
+    return true;
 }
 
-std::string socket_path(const RunDir &dir, const char *module)
+// Removes the socket files of processes that are gone and nobody answers on, whatever their
+// module: each process has its own, so nothing else ever replaces them.
+void remove_stale_sockets(const RunDir &dir)
 {
-    return dir.path + "/" + module + ".sock";
+    DIR *d = opendir(dir.path.c_str());
+    if (d == nullptr) return;
+    while (const dirent *e = readdir(d)) {
+        std::string stem;
+        pid_t pid = 0;
+        if (!ssat_names::parse_socket_file(e->d_name, &stem, &pid) || pid == getpid()) continue;
+        if (kill(pid, 0) == 0 || errno != ESRCH) continue;
+        std::string path = dir.path + "/" + e->d_name;
+        struct stat st;
+        if (lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode) ||
+            ssat_names::socket_answers(path))
+            continue;
+        if (unlink(path.c_str()) == 0)
+            SSAT_LOG(QV_ZLOG_LEVEL_INFO, "removed stale socket %s of process %d, which is gone",
+                     path.c_str(), static_cast<int>(pid));
+    }
+    closedir(d);
 }
 
 // Creates the directory when missing; the default one must be a private directory of ours.
@@ -159,17 +171,6 @@ bool fill_addr(const std::string &path, sockaddr_un *addr)
     return true;
 }
 
-// True when a process accepts connections on the socket at addr.
-bool socket_answers(const sockaddr_un &addr)
-{
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) return true; // cannot tell: leave the file alone
-    int rc = connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr);
-    int err = errno;
-    close(fd);
-    return rc == 0 || err == EAGAIN || err == EINPROGRESS;
-}
-
 // Opens the listening socket at path, replacing a stale socket file; -1 with *why on failure.
 int open_listener(const char *module, const std::string &path, std::string *why)
 {
@@ -184,7 +185,7 @@ int open_listener(const char *module, const std::string &path, std::string *why)
             *why = path + " exists and is not a socket";
             return -1;
         }
-        if (socket_answers(addr)) {
+        if (ssat_names::socket_answers(path)) {
             *why = path + " is in use: a live process answers on it";
             return -1;
         }
@@ -275,6 +276,8 @@ Module &Server::module_locked(const std::string &name)
     Module &m = modules_[name];
     m.commands.push_back(
         {"help", "list the commands (help <command>: that one only)", help_command});
+    m.commands.push_back({std::string(ssat_names::kModuleQuery), "print the full module name",
+                          module_command, false});
     return m;
 }
 
@@ -300,10 +303,17 @@ int Server::init(const char *module)
                  errno_text(errno).c_str());
         return SSAT_E_SOCKET;
     }
-    RunDir dir = run_dir();
-    std::string path = socket_path(dir, module);
-    std::string why;
-    int fd = prepare_dir(dir, &why) ? open_listener(module, path, &why) : -1;
+    RunDir dir = ssat_names::run_dir();
+    std::string path, why;
+    if (!socket_path(dir, module, &path, &why)) {
+        SSAT_LOG(QV_ZLOG_LEVEL_ERROR, "module %s: cannot serve: %s", module, why.c_str());
+        return SSAT_E_SOCKET;
+    }
+    int fd = -1;
+    if (prepare_dir(dir, &why)) {
+        remove_stale_sockets(dir);
+        fd = open_listener(module, path, &why);
+    }
     if (fd < 0) {
         SSAT_LOG(QV_ZLOG_LEVEL_ERROR, "module %s: cannot serve on %s: %s", module, path.c_str(),
                  why.c_str());
@@ -567,9 +577,15 @@ int help_command(const char *args)
     }
     int width = 0;
     for (const auto &c : list)
-        width = std::max(width, static_cast<int>(c.name.size()));
+        if (c.listed) width = std::max(width, static_cast<int>(c.name.size()));
     for (const auto &c : list)
-        ssat_printf("%-*s  %s\n", width, c.name.c_str(), c.help.c_str());
+        if (c.listed) ssat_printf("%-*s  %s\n", width, c.name.c_str(), c.help.c_str());
+    return SSAT_OK;
+}
+
+int module_command(const char *)
+{
+    ssat_printf("%s\n", t_module->c_str());
     return SSAT_OK;
 }
 
@@ -607,7 +623,8 @@ extern "C" int ssat_socket_path(const char *module, char *buf, size_t size)
 {
     if (!valid_module(module) || (buf == nullptr && size > 0)) return SSAT_E_INVAL;
     try {
-        std::string path = socket_path(run_dir(), module);
+        std::string path, why;
+        if (!socket_path(ssat_names::run_dir(), module, &path, &why)) return SSAT_E_SOCKET;
         if (size > 0) {
             size_t n = std::min(path.size(), size - 1);
             std::memcpy(buf, path.data(), n);

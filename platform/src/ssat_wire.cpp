@@ -43,7 +43,7 @@ bool recv_all(int fd, void *data, size_t size, std::string *error)
             return false;
         } else if (errno != EINTR) {
             *error = errno == EAGAIN || errno == EWOULDBLOCK
-                         ? std::string("no answer from the shell in time")
+                         ? std::string(kNoAnswerInTime)
                          : "cannot read from the shell: " + errno_text(errno);
             return false;
         }

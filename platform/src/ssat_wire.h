@@ -43,6 +43,8 @@ bool send_end(int fd, int32_t code);
 // Client side. Connects to the socket at path (close-on-exec); -1 with *error set on failure.
 int connect_socket(const std::string &path, std::string *error);
 using TextSink = std::function<void(Frame, std::string_view)>;
+// The error of a read that met the socket's receive timeout.
+inline constexpr std::string_view kNoAnswerInTime = "no answer from the shell in time";
 // Reads one answer: on_text sees every text frame as it arrives, *code gets the result code.
 // False with *error set when the connection fails or the stream is malformed.
 bool read_reply(int fd, const TextSink &on_text, int32_t *code, std::string *error);

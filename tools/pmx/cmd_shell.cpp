@@ -1,12 +1,14 @@
-// pmx shell: attaches to a module's debug shell and runs its commands.
+// pmx shell: lists the processes serving debug shells, attaches to one and runs its commands.
 #include <CLI/CLI.hpp>
 
 #include <editline/readline.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -14,8 +16,7 @@
 #include <vector>
 
 #include "commands.h"
-#include "ssat.h"
-#include "ssat_wire.h"
+#include "ssat_client.h"
 
 namespace pmx_tool
 {
@@ -28,6 +29,8 @@ struct ShellOptions {
     std::string module;
     std::vector<std::string> words; // the command and its arguments, joined with spaces
     bool list = false;
+    bool list_modules = false;
+    pid_t pid = 0; // 0: the only process serving the module
 };
 
 void fail(const std::string &text)
@@ -45,25 +48,24 @@ std::string trim(const std::string &s)
 
 // Runs one line and prints its answer: output to standard output, the shell's own messages
 // and a non-zero result code to standard error. False when the connection is lost.
-bool run_command(int fd, const std::string &line, int32_t *code)
+bool run_command(ssat_client_t *client, const std::string &line, int *code)
 {
-    std::string problem = ssat_wire::line_problem(line);
-    if (!problem.empty()) {
-        fail(problem);
-        *code = SSAT_E_INVAL;
-        return true;
-    }
-    std::string error;
-    auto print = [](ssat_wire::Frame type, std::string_view text) {
-        if (type == ssat_wire::Frame::Output) {
-            std::fwrite(text.data(), 1, text.size(), stdout);
+    auto print = [](void *, int kind, const char *text, size_t size) {
+        if (kind == SSAT_CLIENT_OUTPUT) {
+            std::fwrite(text, 1, size, stdout);
             std::fflush(stdout);
         } else {
-            std::fprintf(stderr, "pmx: %.*s\n", static_cast<int>(text.size()), text.data());
+            std::fprintf(stderr, "pmx: %.*s\n", static_cast<int>(size), text);
         }
     };
-    if (!ssat_wire::run_line(fd, line, print, code, &error)) {
-        fail(error);
+    int rc = ssat_client_run(client, line.c_str(), print, nullptr, code);
+    if (rc == SSAT_CLIENT_E_INVAL) { // a line the shell would refuse: the session goes on
+        fail(ssat_client_last_error());
+        *code = rc;
+        return true;
+    }
+    if (rc != SSAT_CLIENT_OK) {
+        fail(ssat_client_last_error());
         return false;
     }
     if (*code != 0)
@@ -76,7 +78,7 @@ bool run_command(int fd, const std::string &line, int32_t *code)
 using LineReader = std::function<bool(std::string *)>;
 
 // Runs lines until the reader ends or "quit"/"exit"; fails when any command failed.
-int run_session(int fd, const LineReader &next)
+int run_session(ssat_client_t *client, const LineReader &next)
 {
     bool failed = false;
     std::string line;
@@ -84,8 +86,8 @@ int run_session(int fd, const LineReader &next)
         line = trim(line);
         if (line.empty()) continue;
         if (line == "quit" || line == "exit") break;
-        int32_t code = 0;
-        if (!run_command(fd, line, &code)) return kExitFailed;
+        int code = 0;
+        if (!run_command(client, line, &code)) return kExitFailed;
         failed = failed || code != 0;
     }
     return failed ? kExitFailed : kExitOk;
@@ -97,7 +99,7 @@ std::string history_file()
     return home != nullptr && *home != '\0' ? std::string(home) + "/.pmx_history" : std::string();
 }
 
-int interactive(int fd, const std::string &module)
+int interactive(ssat_client_t *client, const std::string &module)
 {
     using_history();
     stifle_history(kHistoryLines);
@@ -105,7 +107,7 @@ int interactive(int fd, const std::string &module)
     if (!history.empty()) read_history(history.c_str()); // none yet is fine
 
     std::string prompt = module + "> ";
-    int status = run_session(fd, [&prompt](std::string *line) {
+    int status = run_session(client, [&prompt](std::string *line) {
         std::unique_ptr<char, decltype(&std::free)> text(readline(prompt.c_str()), &std::free);
         if (!text) {
             std::printf("\n");
@@ -120,41 +122,87 @@ int interactive(int fd, const std::string &module)
     return status;
 }
 
+// The processes serving module (every module when empty); a negative code with the error
+// printed.
+int list_processes(const std::string &module, std::vector<ssat_client_proc_t> *procs)
+{
+    const char *filter = module.empty() ? nullptr : module.c_str();
+    for (;;) { // a process may start between the two calls
+        int n = ssat_client_list(filter, procs->data(), procs->size());
+        if (n < 0) {
+            fail(ssat_client_last_error());
+            return n;
+        }
+        bool complete = static_cast<size_t>(n) <= procs->size();
+        procs->resize(static_cast<size_t>(n));
+        if (complete) return SSAT_CLIENT_OK;
+    }
+}
+
+// One line a process: module, pid, socket.
+void print_processes(FILE *out, const std::vector<ssat_client_proc_t> &procs, const char *indent)
+{
+    int width = 0;
+    for (const auto &p : procs)
+        width = std::max(width, static_cast<int>(std::strlen(p.module)));
+    for (const auto &p : procs)
+        std::fprintf(out, "%s%-*s  %7d  %s\n", indent, width, p.module, static_cast<int>(p.pid),
+                     p.path);
+}
+
+int list_modules(const ShellOptions &opt)
+{
+    if (!opt.words.empty() || opt.list || opt.pid != 0) {
+        fail("shell --list-modules takes no command, --list or --pid");
+        return kExitUsage;
+    }
+    std::vector<ssat_client_proc_t> procs;
+    if (int rc = list_processes(opt.module, &procs); rc != SSAT_CLIENT_OK)
+        return rc == SSAT_CLIENT_E_INVAL ? kExitUsage : kExitFailed;
+    if (procs.empty())
+        fail(opt.module.empty() ? std::string("no process serves a debug shell")
+                                : "module " + opt.module + " is not serving");
+    print_processes(stdout, procs, "");
+    return kExitOk;
+}
+
 int shell(const ShellOptions &opt)
 {
+    if (opt.list_modules || opt.module.empty()) return list_modules(opt);
     if (opt.list && !opt.words.empty()) {
         fail("shell --list takes no command");
         return kExitUsage;
     }
-    int size = ssat_socket_path(opt.module.c_str(), nullptr, 0);
-    if (size < 0) {
-        fail("invalid module name '" + opt.module +
-             "': use letters, digits, '_', '-' and '.', not leading '.'");
+    ssat_client_t *client = nullptr;
+    int rc = ssat_client_connect(opt.module.c_str(), opt.pid, &client);
+    if (rc == SSAT_CLIENT_E_SEVERAL) {
+        std::vector<ssat_client_proc_t> procs;
+        if (list_processes(opt.module, &procs) != SSAT_CLIENT_OK) return kExitFailed;
+        fail("module " + opt.module + " is served by several processes; pick one with --pid:");
+        print_processes(stderr, procs, "  ");
+        std::fprintf(stderr, "for example: pmx shell %s --pid %d ...\n", opt.module.c_str(),
+                     procs.empty() ? 0 : static_cast<int>(procs[0].pid));
         return kExitUsage;
     }
-    std::string path(static_cast<size_t>(size), '\0');
-    ssat_socket_path(opt.module.c_str(), path.data(), path.size() + 1);
-
-    std::string error;
-    int fd = ssat_wire::connect_socket(path, &error);
-    if (fd < 0) {
-        fail("module " + opt.module + " is not serving: " + error);
-        return kExitFailed;
+    if (rc != SSAT_CLIENT_OK) {
+        fail(ssat_client_last_error());
+        return rc == SSAT_CLIENT_E_INVAL ? kExitUsage : kExitFailed;
     }
     int status;
     if (opt.list || !opt.words.empty()) {
         std::string line = opt.list ? "help" : "";
         for (const auto &word : opt.words)
             line += (line.empty() ? "" : " ") + word;
-        int32_t code = 0;
-        status = run_command(fd, line, &code) && code == 0 ? kExitOk : kExitFailed;
+        int code = 0;
+        status = run_command(client, line, &code) && code == 0 ? kExitOk : kExitFailed;
     } else if (isatty(STDIN_FILENO)) {
-        status = interactive(fd, opt.module);
+        status = interactive(client, opt.module);
     } else {
-        status = run_session(
-            fd, [](std::string *line) { return static_cast<bool>(std::getline(std::cin, *line)); });
+        status = run_session(client, [](std::string *line) {
+            return static_cast<bool>(std::getline(std::cin, *line));
+        });
     }
-    close(fd);
+    ssat_client_close(client);
     return status;
 }
 
@@ -164,17 +212,25 @@ Command add_shell_command(CLI::App &app)
 {
     auto opt = std::make_shared<ShellOptions>();
     CLI::App *sub = app.add_subcommand("shell", "Run the debug commands a module serves");
-    sub->footer("Without a command: an interactive session on a terminal (quit, exit or end of\n"
+    sub->footer("Without a module: the processes serving a debug shell (module, pid, socket).\n"
+                "Without a command: an interactive session on a terminal (quit, exit or end of\n"
                 "input ends it), otherwise one command per line of standard input.\n"
+                "When several processes serve the module, --pid picks one (without it: exit\n"
+                "status 2).\n"
                 "The exit status is 1 when a command ends with a non-zero code.\n"
                 "Put -- before a command whose arguments start with '-'.\n"
                 "Examples:\n"
+                "  pmx shell --list-modules\n"
                 "  pmx shell MODULE --list\n"
-                "  pmx shell MODULE COMMAND key=value\n"
+                "  pmx shell MODULE --pid 1234 COMMAND key=value\n"
                 "  pmx shell MODULE < commands.txt");
-    sub->add_option("module", opt->module, "The module whose shell to attach to")->required();
+    sub->add_option("module", opt->module, "The module whose shell to attach to");
     sub->add_option("command", opt->words, "The command to run and its arguments");
     sub->add_flag("--list", opt->list, "List the module's commands and exit");
+    sub->add_flag("--list-modules", opt->list_modules,
+                  "List the processes serving a debug shell (of MODULE only, when given) and exit");
+    sub->add_option("--pid", opt->pid, "The process to attach to, when several serve the module")
+        ->check(CLI::PositiveNumber);
     return Command{sub, [opt] { return shell(*opt); }};
 }
 

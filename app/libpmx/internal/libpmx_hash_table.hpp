@@ -90,13 +90,6 @@ namespace pmx {
     return c;
 }
 
-struct Lookup2Hash {
-    [[gnu::always_inline]] static uint32_t hash(const void *key, uint32_t len)
-    {
-        return lookup2(key, len, 0);
-    }
-};
-
 // Allocation policy; tests substitute one that fails on demand.
 struct MallocAlloc {
     static void *alloc(size_t n) { return std::malloc(n); }
@@ -138,7 +131,7 @@ inline int cmp_signed(uint32_t a, uint32_t b)
 }
 inline int cmp_unsigned(uint32_t a, uint32_t b) { return (a > b) - (a < b); }
 
-template <class Traits, class Hasher = Lookup2Hash, class Alloc = MallocAlloc> class KeyedTable {
+template <class Traits, class Alloc = MallocAlloc> class KeyedTable {
 public:
     using Rec = typename Traits::Rec;
 
@@ -364,7 +357,7 @@ private:
     }
     [[gnu::always_inline]] static uint32_t hash_of(const void *key)
     {
-        return Hasher::hash(Traits::key_bytes(key), Traits::key_len);
+        return lookup2(Traits::key_bytes(key), Traits::key_len, 0);
     }
     Rec *rec_at(uint32_t i) const { return static_cast<Rec *>(h_->keys[i]); }
 
