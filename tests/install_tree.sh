@@ -49,18 +49,15 @@ read -r -a cflags <<<"$(pkg-config --cflags libpmx)"
 status=0
 while IFS= read -r header; do
   name=$(basename "$header")
-  printf '#include <%s>\n' "$name" >"$work/one.h.c"
-  cp "$work/one.h.c" "$work/one.h.cpp"
-  if ! "$cc" -std=c11 -Wall -Wextra -Werror "${cflags[@]}" -fsyntax-only "$work/one.h.c" 2>"$work/err"; then
-    echo "install_tree: $name does not compile alone as C11:" >&2
-    head -20 "$work/err" >&2
-    status=1
-  fi
-  if ! "$cxx" -std=c++20 -Wall -Wextra -Werror "${cflags[@]}" -fsyntax-only "$work/one.h.cpp" 2>"$work/err"; then
-    echo "install_tree: $name does not compile alone as C++20:" >&2
-    head -20 "$work/err" >&2
-    status=1
-  fi
+  for lang in "c $cc c11" "cpp $cxx c++20"; do
+    read -r ext compiler std <<<"$lang"
+    printf '#include <%s>\n' "$name" >"$work/one.$ext"
+    if ! "$compiler" -std="$std" -Wall -Wextra -Werror "${cflags[@]}" -fsyntax-only "$work/one.$ext" 2>"$work/err"; then
+      echo "install_tree: $name does not compile alone as $std:" >&2
+      head -20 "$work/err" >&2
+      status=1
+    fi
+  done
 done < <(find "$includedir" -type f -name '*.h' | sort)
 [[ $status -eq 0 ]] || fail "installed headers that do not compile alone (above)"
 

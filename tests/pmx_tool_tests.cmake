@@ -111,6 +111,9 @@ pmx_db_test(get_missing EXPECT_FAIL ARGS "get|--load|${pmx_chassis}|p_dev.card_i
   STDERR_REGEX "(^|\n)pmx: p_dev.card_info t_mod=0 devid=1 slotid=9 sslotid=0 is not in database 1\n")
 pmx_db_test(get_other_form EXPECT_FAIL ARGS "get|--load|${pmx_chassis}|--form|plain|u_intf.pmx_ifx_tbl|301"
   STDERR_REGEX "reading u_intf.pmx_ifx_tbl ifx=301 as a plain record from database 26 failed")
+# A kind the library does not read has no place of its own: the user names its database.
+pmx_db_test(get_no_place EXPECT_FAIL ARGS "get|s_intf.ifx_name|1"
+  STDERR_REGEX "^pmx: s_intf.ifx_name is not a record the library reads: give --dbnum\n$")
 pmx_db_test(get_key_count EXPECT_FAIL ARGS "get|u_intf.pmx_mod_tbl|1|3"
   STDERR_REGEX "pmx: u_intf.pmx_mod_tbl is keyed by devid slotid sslotid: give 3 values\n")
 

@@ -57,11 +57,9 @@ public:
         }
         return fail("server pid " + std::to_string(pid) + " survived SIGKILL");
     }
-    bool restart() { return stop() && start(); }
 
     std::string url() const { return "unix://" + socket_path(); }
     std::string socket_path() const { return dir_ + "/redis.sock"; }
-    const std::string &dir() const { return dir_; }
     const std::string &error() const { return error_; }
 
     // The private-server script of this source tree.

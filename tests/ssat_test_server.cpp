@@ -16,30 +16,6 @@
 
 extern char **environ;
 
-namespace
-{
-
-int cmd_echo(const char *args)
-{
-    ssat_printf("%s\n", args);
-    return 0;
-}
-
-int cmd_fail(const char *args)
-{
-    int code = *args != '\0' ? atoi(args) : 1;
-    ssat_printf("failing with %d\n", code);
-    return code;
-}
-
-int cmd_pid(const char *)
-{
-    ssat_printf("%d\n", static_cast<int>(getpid()));
-    return 0;
-}
-
-} // namespace
-
 int main(int argc, char **argv)
 {
     std::string own_dir;
@@ -49,38 +25,39 @@ int main(int argc, char **argv)
         own_dir = tmpl;
         setenv("PMX_RUN_DIR", tmpl, 1);
     }
-    // Blocked before the server thread starts, so only sigwait sees them.
+    // Serving until killed: blocked before the server thread starts, so only sigwait sees them.
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    if (argc < 2) pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
-    ssat_multi_thread_reg_mod_cmd("demo", "echo", "print the arguments", cmd_echo);
-    ssat_multi_thread_reg_mod_cmd("demo", "fail", "end with the code given (default 1)", cmd_fail);
-    ssat_multi_thread_reg_mod_cmd("demo", "pid", "print the process id", cmd_pid);
+    ssat_multi_thread_reg_mod_cmd("demo", "echo", "print the arguments", [](const char *args) {
+        ssat_printf("%s\n", args);
+        return 0;
+    });
+    ssat_multi_thread_reg_mod_cmd("demo", "fail", "end with the code given (default 1)",
+                                  [](const char *args) {
+                                      int code = *args != '\0' ? atoi(args) : 1;
+                                      ssat_printf("failing with %d\n", code);
+                                      return code;
+                                  });
+    ssat_multi_thread_reg_mod_cmd("demo", "pid", "print the process id", [](const char *) {
+        ssat_printf("%d\n", static_cast<int>(getpid()));
+        return 0;
+    });
     if (ssat_multi_thread_init("demo") != SSAT_OK) return 1;
 
-    int status = 0;
+    int status = 0, sig = 0;
+    pid_t pid;
     if (argc < 2) {
-        int sig;
         sigwait(&stop_signals, &sig);
-    } else {
-        setenv("SSAT_TEST_SERVER_PID", std::to_string(getpid()).c_str(), 1);
-        posix_spawnattr_t attr;
-        posix_spawnattr_init(&attr);
-        sigset_t none;
-        sigemptyset(&none);
-        posix_spawnattr_setsigmask(&attr, &none);
-        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
-        pid_t pid;
-        if (posix_spawnp(&pid, argv[1], nullptr, &attr, argv + 1, environ) != 0) {
-            perror(argv[1]);
-            status = 127;
-        } else if (waitpid(pid, &status, 0) == pid) {
-            status = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
-        }
-        posix_spawnattr_destroy(&attr);
+    } else if (setenv("SSAT_TEST_SERVER_PID", std::to_string(getpid()).c_str(), 1) != 0 ||
+               posix_spawnp(&pid, argv[1], nullptr, nullptr, argv + 1, environ) != 0) {
+        perror(argv[1]);
+        status = 127;
+    } else if (waitpid(pid, &status, 0) == pid) {
+        status = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
     }
     ssat_multi_thread_stop("demo");
     if (!own_dir.empty()) std::filesystem::remove_all(own_dir);

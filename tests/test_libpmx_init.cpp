@@ -35,74 +35,64 @@ int32_t level_from_file(const pmx_test::TempDir &dir, const char *content, int32
     return g_libpmx_zlog_level;
 }
 
-// Runs one command line in this process's debug shell of module; its output, and its code in
-// *code.
-std::string shell(const char *module, const char *line, int32_t *code)
+// Runs one command line in this process's debug shell of the library: its output and "=> code".
+std::string shell(const char *line)
 {
     ssat_client_t *client = nullptr;
     char out[4096] = "";
-    EXPECT_EQ(ssat_client_connect(module, getpid(), &client), SSAT_CLIENT_OK)
+    int32_t code = -100;
+    EXPECT_EQ(ssat_client_connect("libpmx_test_libpmx_init", getpid(), &client), SSAT_CLIENT_OK)
         << ssat_client_last_error();
-    EXPECT_EQ(ssat_client_run_buf(client, line, out, sizeof out, nullptr, code), SSAT_CLIENT_OK)
+    EXPECT_EQ(ssat_client_run_buf(client, line, out, sizeof out, nullptr, &code), SSAT_CLIENT_OK)
         << ssat_client_last_error();
     ssat_client_close(client);
-    return out;
+    return out + std::string("=> ") + std::to_string(code);
 }
 
-struct Attached {
-    qv_mom_glb_t *glb;
-    explicit Attached(const char *url)
-    {
-        char err[256] = {0};
-        glb = qv_mom_glb_create(url, err, sizeof err);
-        EXPECT_NE(glb, nullptr) << err;
-        EXPECT_NE(qv_mom_thread_attach(glb, nullptr), nullptr);
-    }
-    ~Attached()
-    {
-        qv_mom_thread_detach();
-        qv_mom_glb_destroy(glb);
-    }
-};
+// True when the recording's timer fires in at most `secs` seconds, and not much sooner.
+bool recording_ends_in(long secs)
+{
+    timeval left{};
+    EXPECT_EQ(qv_thread_timer_remaining(g_libpmx.record_timer, &left), 0);
+    return left.tv_sec > secs - 5 && left.tv_sec <= secs;
+}
 
 } // namespace
 
-TEST(LibpmxInit, BadArgumentsFailedStepRetryAndSecondCall)
+TEST(LibpmxInit, BadArgumentsFailedStepRetrySecondCallAndRecording)
 {
     pmx_test::TempDir run, dbg;
     setenv(LIBPMX_DBG_DIR_ENV, dbg.path().c_str(), 1);
-    Attached db("embedded:init");
+    char err[256] = {0};
+    qv_mom_glb_t *glb = qv_mom_glb_create("embedded:init", err, sizeof err);
+    ASSERT_NE(glb, nullptr) << err;
+    ASSERT_NE(qv_mom_thread_attach(glb, nullptr), nullptr);
     LogCapture log(2);
 
     EXPECT_EQ(libpmx_init(nullptr, "x"), LIBPMX_E_INVAL);
-    EXPECT_EQ(libpmx_init(db.glb, nullptr), LIBPMX_E_INVAL);
+    EXPECT_EQ(libpmx_init(glb, nullptr), LIBPMX_E_INVAL);
     EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "input param error, glb:(nil) app_name:x"));
     EXPECT_EQ(g_libpmx.init_done, 0);
 
     // The debug shell cannot make its socket under a regular file: the last step fails.
     setenv("PMX_RUN_DIR", "/dev/null/pmx", 1);
-    EXPECT_EQ(libpmx_init(db.glb, "x"), LIBPMX_E_FAIL);
+    EXPECT_EQ(libpmx_init(glb, "x"), LIBPMX_E_FAIL);
     EXPECT_EQ(g_libpmx.init_done, 0);
     EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "libpmx_dbg_ut_init fail, ret:-11"));
     void *ab = g_libpmx_mom_ab;
     ASSERT_NE(ab, nullptr);
 
     // Retried: the handle of the first call is kept, every later step runs again; the level
-    // file of the derived name applies.
+    // file of the derived name applies. A second call then repeats nothing.
     setenv("PMX_RUN_DIR", run.path().c_str(), 1);
     dbg.write("libpmx_test_libpmx_init/libpmx_test_libpmx_init_dbg", "3\n");
-    EXPECT_EQ(libpmx_init(db.glb, "x"), LIBPMX_OK);
-    EXPECT_EQ(g_libpmx.init_done, 1);
-    EXPECT_EQ(g_libpmx_mom_ab, ab);
+    EXPECT_EQ(libpmx_init(glb, "x"), LIBPMX_OK);
+    EXPECT_TRUE(g_libpmx_mom_ab == ab && g_libpmx_zlog_level == 3);
     EXPECT_STREQ(g_libpmx.app_name, "libpmx_test_libpmx_init");
-    EXPECT_EQ(g_libpmx_zlog_level, 3);
-    EXPECT_GE(g_libpmx_mom.ds, 0);
-
-    // A second call repeats nothing.
     const int32_t ds = g_libpmx_mom.ds;
     log.clear();
     g_libpmx_zlog_level = 5;
-    EXPECT_EQ(libpmx_init(db.glb, "x"), LIBPMX_OK);
+    EXPECT_EQ(libpmx_init(glb, "x"), LIBPMX_OK);
     EXPECT_EQ(g_libpmx_mom.ds, ds);
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 1u);
@@ -110,30 +100,64 @@ TEST(LibpmxInit, BadArgumentsFailedStepRetryAndSecondCall)
 
     // The debug commands are served under the derived name; the shell thread has a timer
     // master of its own for the recording.
-    int32_t code = -1;
-    EXPECT_EQ(shell("libpmx_test_libpmx_init", "record_log_tmp minutes=20", &code),
-              "proc_name=libpmx, dbg_level=5\nstart recording log for 15 minutes. \n");
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(shell("libpmx_test_libpmx_init", "dump_dbg_level", &code), "proc_name=libpmx, dbg_level=5\n");
-    EXPECT_EQ(shell("libpmx_test_libpmx_init", "record_log_tmp minutes=0", &code),
-              "proc_name=libpmx, dbg_level=1\nstop the last recording.invalid minutes 0. \n");
-    EXPECT_EQ(shell("libpmx_test_libpmx_init", "set_dbg_level 4", &code).substr(0, 6), "usage:");
-    EXPECT_EQ(code, LIBPMX_E_INVAL);
+    EXPECT_EQ(shell("record_log_tmp minutes=20"),
+              "proc_name=libpmx, dbg_level=5\nstart recording log for 15 minutes. \n=> 0");
+    EXPECT_EQ(shell("dump_dbg_level"), "proc_name=libpmx, dbg_level=5\n=> 0");
+    EXPECT_EQ(shell("record_log_tmp minutes=0"),
+              "proc_name=libpmx, dbg_level=1\nstop the last recording.invalid minutes 0. \n=> 0");
+    EXPECT_EQ(shell("set_dbg_level 4"),
+              "usage: set_dbg_level dbg_level=%d  (OFF:0, ERROR:1 WARM:2 NOTICE:3 INFO:4 DEBUG:5)\n=> " +
+                  std::to_string(LIBPMX_E_INVAL));
     ssat_multi_thread_stop("libpmx_test_libpmx_init");
     unsetenv("PMX_RUN_DIR");
     unsetenv(LIBPMX_DBG_DIR_ENV);
+
+    // The recording in this thread, on the timer master of its database context. With none
+    // running, 0 only prints.
+    auto *ctx = static_cast<qv_mom_thread_global_t *>(qv_mom_get_thread_local_global());
+    g_libpmx_zlog_level = 2;
+    testing::internal::CaptureStdout();
+    libpmx_dbg_record_log_tmp(0);
+    EXPECT_EQ(g_libpmx_zlog_level, 2);
+    // 30 minutes run for 15; 5 while recording replace the running timer, counting from now.
+    libpmx_dbg_record_log_tmp(30);
+    EXPECT_EQ(g_libpmx_zlog_level, 5);
+    ASSERT_NE(g_libpmx.record_timer, nullptr);
+    EXPECT_TRUE(recording_ends_in(15 * 60));
+    libpmx_dbg_record_log_tmp(5);
+    EXPECT_EQ(qv_thread_master_pending(ctx->master), 1u);
+    EXPECT_TRUE(recording_ends_in(5 * 60));
+    // 0 stops and reverts to ERROR, whatever the level was before.
+    libpmx_dbg_record_log_tmp(0);
+    EXPECT_TRUE(g_libpmx_zlog_level == 1 && g_libpmx.record_timer == nullptr);
+    EXPECT_EQ(qv_thread_master_pending(ctx->master), 0u);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "invalid minutes 0. \n"
+              "proc_name=libpmx, dbg_level=5\nstart recording log for 15 minutes. \n"
+              "proc_name=libpmx, dbg_level=5\nstart recording log for 5 minutes. \n"
+              "proc_name=libpmx, dbg_level=1\nstop the last recording.invalid minutes 0. \n");
+    // The timer's expiry reverts too.
+    testing::internal::CaptureStdout();
+    libpmx_dbg_record_log_tmp(1);
+    qv_thread_t *timer = g_libpmx.record_timer;
+    ASSERT_NE(timer, nullptr);
+    libpmx_revert_dbg_level(timer);
+    qv_thread_cancel(timer);
+    EXPECT_TRUE(g_libpmx_zlog_level == 1 && g_libpmx.record_timer == nullptr);
+    testing::internal::GetCapturedStdout();
+    qv_mom_thread_detach();
+    qv_mom_glb_destroy(glb);
 }
 
-TEST(LibpmxInit, DerivedNameAndLevelFile)
+// Without a database context in the thread: the name, the level file and the level commands.
+TEST(LibpmxInit, DerivedNameLevelFileAndLevelCommands)
 {
     EXPECT_EQ(derived("/usr/sbin/foo.bar"), "libpmx_foo_bar");
     EXPECT_EQ(derived("/opt/v1.2/tool"), "libpmx_tool"); // dots of directories do not matter
     EXPECT_EQ(derived("a.b.c"), "libpmx_a_b_c");
-    {
-        LogCapture log(1);
-        EXPECT_EQ(derived(("/bin/" + std::string(200, 'n')).c_str()).size(), LIBPMX_APP_NAME_SIZE - 1u);
-        EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "app name has been truncated."));
-    }
+    LogCapture log(1);
+    EXPECT_EQ(derived(("/bin/" + std::string(200, 'n')).c_str()).size(), LIBPMX_APP_NAME_SIZE - 1u);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "app name has been truncated."));
     char name[LIBPMX_APP_NAME_SIZE] = {0};
     EXPECT_EQ(libpmx_get_app_name(name, sizeof name), 0);
     EXPECT_STREQ(name, "libpmx_test_libpmx_init");
@@ -146,7 +170,6 @@ TEST(LibpmxInit, DerivedNameAndLevelFile)
     dbg.write("libpmx_foo_bar/keep", "");
     libpmx_dbg_level_file("libpmx_foo_bar", path, sizeof path);
     EXPECT_EQ(std::string(path), dbg.path() + "/libpmx_foo_bar/libpmx_foo_bar_dbg");
-
     EXPECT_EQ(level_from_file(dbg, "3\n", 1), 3);
     EXPECT_EQ(level_from_file(dbg, "", 4), 4);      // empty: the level stays
     EXPECT_EQ(level_from_file(dbg, "debug", 4), 0); // no digits: logging off
@@ -154,11 +177,7 @@ TEST(LibpmxInit, DerivedNameAndLevelFile)
     std::filesystem::remove(dbg.path() + "/libpmx/libpmx_dbg");
     EXPECT_EQ(level_from_file(dbg, "", 2), 2);      // missing file too
     unsetenv(LIBPMX_DBG_DIR_ENV);
-    g_libpmx_zlog_level = 1;
-}
 
-TEST(LibpmxInit, SetDbgLevel)
-{
     g_libpmx_zlog_level = 2;
     testing::internal::CaptureStdout();
     EXPECT_EQ(libpmx_dbg_set_dbg_level(6), LIBPMX_E_INVAL);
@@ -166,71 +185,13 @@ TEST(LibpmxInit, SetDbgLevel)
     EXPECT_EQ(g_libpmx_zlog_level, 2);
     EXPECT_EQ(libpmx_dbg_cmd_set_dbg_level("dbg_level=4"), LIBPMX_OK);
     EXPECT_EQ(libpmx_dbg_cmd_set_dbg_level("level 4"), LIBPMX_E_INVAL);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out.substr(0, out.find("usage")),
+    EXPECT_EQ(g_libpmx_zlog_level, 4);
+    libpmx_dbg_record_log_tmp(5); // no timer master in this thread: nothing changes
+    EXPECT_EQ(g_libpmx_zlog_level, 4);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "set_val=6 invalid. OFF:0, ERROR:1 WARM:2 NOTICE:3 INFO:4 DEBUG:5\n"
               "set_val=-1 invalid. OFF:0, ERROR:1 WARM:2 NOTICE:3 INFO:4 DEBUG:5\n"
-              "proc_name=libpmx, dbg_level=4\n");
-    EXPECT_EQ(g_libpmx_zlog_level, 4);
-    g_libpmx_zlog_level = 1;
-}
-
-TEST(LibpmxInit, TemporaryRecording)
-{
-    Attached db("embedded:record");
-    auto *ctx = static_cast<qv_mom_thread_global_t *>(qv_mom_get_thread_local_global());
-    g_libpmx_zlog_level = 2;
-    testing::internal::CaptureStdout();
-
-    // Without a running recording, 0 only prints.
-    libpmx_dbg_record_log_tmp(0);
-    EXPECT_EQ(g_libpmx_zlog_level, 2);
-
-    // 30 minutes run for 15.
-    libpmx_dbg_record_log_tmp(30);
-    EXPECT_EQ(g_libpmx_zlog_level, 5);
-    ASSERT_NE(g_libpmx.record_timer, nullptr);
-    timeval left{};
-    ASSERT_EQ(qv_thread_timer_remaining(g_libpmx.record_timer, &left), 0);
-    EXPECT_GT(left.tv_sec, 15 * 60 - 5);
-    EXPECT_LE(left.tv_sec, 15 * 60);
-
-    // 5 while recording: the running timer is replaced, counting from now.
-    libpmx_dbg_record_log_tmp(5);
-    EXPECT_EQ(qv_thread_master_pending(ctx->master), 1u);
-    ASSERT_EQ(qv_thread_timer_remaining(g_libpmx.record_timer, &left), 0);
-    EXPECT_GT(left.tv_sec, 5 * 60 - 5);
-    EXPECT_LE(left.tv_sec, 5 * 60);
-
-    // 0 stops and reverts to ERROR, whatever the level was before.
-    libpmx_dbg_record_log_tmp(0);
-    EXPECT_EQ(g_libpmx_zlog_level, 1);
-    EXPECT_EQ(g_libpmx.record_timer, nullptr);
-    EXPECT_EQ(qv_thread_master_pending(ctx->master), 0u);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out, "invalid minutes 0. \n"
-                   "proc_name=libpmx, dbg_level=5\nstart recording log for 15 minutes. \n"
-                   "proc_name=libpmx, dbg_level=5\nstart recording log for 5 minutes. \n"
-                   "proc_name=libpmx, dbg_level=1\nstop the last recording.invalid minutes 0. \n");
-
-    // The timer's expiry reverts too.
-    testing::internal::CaptureStdout();
-    libpmx_dbg_record_log_tmp(1);
-    qv_thread_t *timer = g_libpmx.record_timer;
-    ASSERT_NE(timer, nullptr);
-    libpmx_revert_dbg_level(timer);
-    qv_thread_cancel(timer);
-    EXPECT_EQ(g_libpmx_zlog_level, 1);
-    EXPECT_EQ(g_libpmx.record_timer, nullptr);
-    testing::internal::GetCapturedStdout();
-}
-
-TEST(LibpmxInit, RecordingWithoutThreadRecord)
-{
-    g_libpmx_zlog_level = 3;
-    testing::internal::CaptureStdout();
-    libpmx_dbg_record_log_tmp(5);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "failed to get thread global. ");
-    EXPECT_EQ(g_libpmx_zlog_level, 3);
-    g_libpmx_zlog_level = 1;
+              "proc_name=libpmx, dbg_level=4\n"
+              "usage: set_dbg_level dbg_level=%d  (OFF:0, ERROR:1 WARM:2 NOTICE:3 INFO:4 DEBUG:5)\n"
+              "failed to get thread global. ");
 }

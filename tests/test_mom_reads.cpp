@@ -131,7 +131,6 @@ TEST_P(MomReads, PresentKeysAndSingleAttempts)
     // Missing, and op other than 2: one attempt.
     EXPECT_EQ(libpmx_getinfo_from_db_with_block(&k13.key, LIBPMX_DB_PMX, 1, decode_gphyid, &gphyid, 1),
               LIBPMX_E_NOT_FOUND);
-    EXPECT_EQ(libpmx_get_info_from_db(&k13.key, LIBPMX_DB_PMX, decode_gphyid, &gphyid), LIBPMX_E_NOT_FOUND);
     EXPECT_LT(seconds_since(t0), 0.09);
     EXPECT_NE(dump_text().find("-- total 0 --"), std::string::npos);
     EXPECT_EQ(libpmx_no_block_to_read_db(), 0);
@@ -158,6 +157,15 @@ TEST_P(MomReads, WaitToTheLimitBarsTheThread)
               LIBPMX_E_NOT_FOUND);
     EXPECT_LT(seconds_since(t0), 0.09);
     EXPECT_NE(dump_text().find("-- total 1 --"), std::string::npos);
+
+    // The bar lifts after ten seconds of the thread's timer loop (the store plays no part).
+    if (GetParam() != "embedded") return;
+    timeval t{9, 500000};
+    qv_thread_master_run_for(ctx_->master, &t);
+    EXPECT_EQ(libpmx_no_block_to_read_db(), 1);
+    t = {1, 0};
+    qv_thread_master_run_for(ctx_->master, &t);
+    EXPECT_EQ(libpmx_no_block_to_read_db(), 0);
 }
 
 TEST_P(MomReads, ValuesThatDoNotUnpackAreFailedReads)
@@ -203,21 +211,6 @@ INSTANTIATE_TEST_SUITE_P(Backends, MomReads, ::testing::Values("embedded", "redi
 class MomReadsEmbedded : public MomReads
 {
 };
-
-TEST_P(MomReadsEmbedded, BarLiftsAfterTenSeconds)
-{
-    IfxKey k(13);
-    uint32_t gphyid = 0;
-    EXPECT_EQ(libpmx_getinfo_from_db_with_block(&k.key, LIBPMX_DB_PMX, 1, decode_gphyid, &gphyid, 2),
-              LIBPMX_E_NOT_FOUND);
-    ASSERT_EQ(libpmx_no_block_to_read_db(), 1);
-    timeval t{9, 500000};
-    qv_thread_master_run_for(ctx_->master, &t);
-    EXPECT_EQ(libpmx_no_block_to_read_db(), 1);
-    t = {1, 0};
-    qv_thread_master_run_for(ctx_->master, &t);
-    EXPECT_EQ(libpmx_no_block_to_read_db(), 0);
-}
 
 TEST_P(MomReadsEmbedded, TenNewestBlockRecordsAreKept)
 {

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,16 +25,11 @@ namespace {
 
 // Records what the feed reports, and runs the event base until a condition holds.
 struct Feed : qv::mom::SubscriberListener {
-    event_base *base = event_base_new();
-    event *tick = event_new(base, -1, EV_PERSIST, [](evutil_socket_t, short, void *) {}, nullptr);
+    std::unique_ptr<event_base, void (*)(event_base *)> owner{event_base_new(), event_base_free};
+    event_base *base = owner.get();
     int subscribed = 0, lost = 0;
     std::vector<std::string> events; // "db key event"
 
-    ~Feed()
-    {
-        event_free(tick);
-        event_base_free(base);
-    }
     void on_subscribed() override { ++subscribed; }
     void on_lost(const std::string &) override { ++lost; }
     void on_key_event(int db, const std::string &key, const std::string &event) override
@@ -41,11 +38,11 @@ struct Feed : qv::mom::SubscriberListener {
     }
     bool run_until(const std::function<bool()> &done, std::chrono::milliseconds limit = std::chrono::seconds(5))
     {
-        timeval ten_ms{0, 10000};
-        event_add(tick, &ten_ms);
         auto deadline = std::chrono::steady_clock::now() + limit;
-        while (!done() && std::chrono::steady_clock::now() < deadline) event_base_loop(base, EVLOOP_ONCE);
-        event_del(tick);
+        for (timeval ten_ms{0, 10000}; !done() && std::chrono::steady_clock::now() < deadline;) {
+            event_base_loopexit(base, &ten_ms);
+            event_base_dispatch(base);
+        }
         return done();
     }
 };
@@ -91,46 +88,24 @@ TEST(MomRedisUrl, MalformedUrlsAreRefusedWithAReasonAndNoServerIsNeeded)
 TEST_F(MomRedis, ScanFindsTheSingletonAndEveryKeyOfTheKindOnlyOnce)
 {
     const std::string kind = "p.rec*[x]"; // glob characters in the name match only themselves
-    for (int i = 0; i < 2500; ++i) ASSERT_EQ(conn->set(5, kind + "|" + std::to_string(i), "v"), QV_MOM_OK);
+    std::multiset<std::string> want{kind}, seen;
+    for (int i = 0; i < 2500; ++i) {
+        ASSERT_EQ(conn->set(5, kind + "|" + std::to_string(i), "v"), QV_MOM_OK);
+        want.insert(kind + "|" + std::to_string(i));
+    }
     for (const std::string &other : {std::string("p.recX[x]|1"), kind + "_more|1", kind + "x", kind + "-|1"})
         ASSERT_EQ(conn->set(5, other, "v"), QV_MOM_OK);
     ASSERT_EQ(conn->set(6, kind + "|other-db", "v"), QV_MOM_OK);
     ASSERT_EQ(conn->set(5, kind, "singleton"), QV_MOM_OK);
 
-    std::multiset<std::string> seen;
     ASSERT_EQ(conn->scan(5, kind, [&](const std::string &k) { return seen.insert(k), 0; }), QV_MOM_OK);
-    EXPECT_EQ(seen.size(), 2501u);
-    EXPECT_EQ(seen.count(kind), 1u);
-    for (int i = 0; i < 2500; ++i) ASSERT_EQ(seen.count(kind + "|" + std::to_string(i)), 1u) << i;
+    EXPECT_EQ(seen, want);
     int calls = 0;
     EXPECT_EQ(conn->scan(5, kind, [&](const std::string &) { return ++calls == 3 ? 7 : 0; }), 7);
     EXPECT_EQ(calls, 3);
 }
 
-TEST_F(MomRedis, ConnectionComesBackAfterARestartAndADownServerIsLoggedOnce)
-{
-    ASSERT_EQ(conn->set(1, "k|1", "v"), QV_MOM_OK);
-    ASSERT_TRUE(server.kill9()) << server.error();
-    ASSERT_TRUE(server.start()) << server.error();
-    EXPECT_EQ(conn->exists(1, "k|1"), QV_MOM_ABSENT) << "reconnected to the new, empty server, in database 1";
-    ASSERT_EQ(conn->set(1, "k|1", "v"), QV_MOM_OK);
-    auto fresh = backend->connect();
-    EXPECT_EQ(fresh->exists(1, "k|1"), QV_MOM_OK);
-    EXPECT_EQ(fresh->exists(0, "k|1"), QV_MOM_ABSENT);
-
-    LogCapture log;
-    ASSERT_TRUE(server.stop()) << server.error();
-    EXPECT_EQ(conn->exists(1, "k|1"), QV_MOM_E_CONN);
-    EXPECT_EQ(conn->connect(1), QV_MOM_E_CONN);
-    EXPECT_EQ(backend->connect()->set(1, "k|2", "v"), QV_MOM_E_CONN);
-    int lines = 0;
-    for (const auto &l : log.lines())
-        lines += l.text.find(server.url()) != std::string::npos;
-    EXPECT_EQ(lines, 1) << "later failures within the interval are held back";
-    EXPECT_TRUE(logged(log, QV_ZLOG_LEVEL_ERROR, "No such file or directory"));
-}
-
-TEST_F(MomRedis, FeedReportsTheWatchedKindsAndResubscribesAfterALoss)
+TEST_F(MomRedis, FeedAndConnectionsComeBackAfterARestartAndWaitForALateServer)
 {
     Feed feed;
     auto sub = backend->subscriber();
@@ -144,7 +119,6 @@ TEST_F(MomRedis, FeedReportsTheWatchedKindsAndResubscribesAfterALoss)
     ASSERT_EQ(conn->del(26, "k|1"), QV_MOM_OK);
     EXPECT_TRUE(feed.run_until([&] { return feed.events.size() >= 3; }));
     EXPECT_EQ(feed.events, (std::vector<std::string>{"26 k|1 set", "26 k hset", "26 k|1 del"}));
-
     // A kind watched later is reported subscribed again before its events come.
     sub->watch(3, "j");
     ASSERT_TRUE(feed.run_until([&] { return feed.subscribed == 2; }));
@@ -152,44 +126,55 @@ TEST_F(MomRedis, FeedReportsTheWatchedKindsAndResubscribesAfterALoss)
     EXPECT_TRUE(feed.run_until([&] { return feed.events.size() == 4; }));
     EXPECT_EQ(feed.events.back(), "3 j|9 set");
 
+    // Killed and started again empty: the feed resubscribes every kind, and a connection
+    // reconnects by itself and selects its database again.
+    ASSERT_EQ(conn->set(1, "k|1", "v"), QV_MOM_OK);
     ASSERT_TRUE(server.kill9()) << server.error();
     ASSERT_TRUE(feed.run_until([&] { return feed.lost == 1; }));
     ASSERT_TRUE(server.start()) << server.error();
     ASSERT_TRUE(feed.run_until([&] { return feed.subscribed == 3; }));
+    EXPECT_EQ(conn->exists(1, "k|1"), QV_MOM_ABSENT);
+    ASSERT_EQ(conn->set(1, "k|1", "v"), QV_MOM_OK);
+    auto fresh = backend->connect();
+    EXPECT_EQ(fresh->exists(1, "k|1"), QV_MOM_OK);
+    EXPECT_EQ(fresh->exists(0, "k|1"), QV_MOM_ABSENT);
     ASSERT_EQ(conn->set(3, "j|1", "x"), QV_MOM_OK);
     ASSERT_EQ(conn->set(26, "k|2", "x"), QV_MOM_OK);
     EXPECT_TRUE(feed.run_until([&] { return feed.events.size() == 6; }));
     EXPECT_EQ(std::vector<std::string>(feed.events.end() - 2, feed.events.end()),
               (std::vector<std::string>{"3 j|1 set", "26 k|2 set"}));
-    sub->stop();
-}
 
-TEST_F(MomRedis, FeedWaitsForALateServerAndComplainsAboutMissingNotifications)
-{
-    ASSERT_TRUE(server.stop()) << server.error();
+    // Stopped: calls fail, and the connections of one server log it once in an interval.
     LogCapture log;
-    Feed feed;
-    auto sub = backend->subscriber();
-    sub->watch(26, "k");
-    ASSERT_EQ(sub->start(feed.base, &feed), QV_MOM_OK);
-    feed.run_until([] { return false; }, std::chrono::milliseconds(300)); // a few retries
-    EXPECT_EQ(feed.subscribed, 0);
-    ASSERT_TRUE(server.start()) << server.error();
-    ASSERT_TRUE(feed.run_until([&] { return feed.subscribed == 1; }));
-    EXPECT_TRUE(logged(log, QV_ZLOG_LEVEL_ERROR, "cannot connect to"));
+    ASSERT_TRUE(server.stop()) << server.error();
+    EXPECT_EQ(conn->exists(1, "k|1"), QV_MOM_E_CONN);
+    EXPECT_EQ(conn->connect(1), QV_MOM_E_CONN);
+    EXPECT_EQ(backend->connect()->set(1, "k|2", "v"), QV_MOM_E_CONN);
+    auto lines = log.lines();
+    auto named = [&](const LoggedLine &l) { return l.text.find(server.url()) != std::string::npos; };
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), named), 1) << "failures within the interval are held back";
+    EXPECT_TRUE(logged(log, QV_ZLOG_LEVEL_ERROR, "No such file or directory"));
 
-    // With key events off a feed still subscribes, and says why nothing will come.
+    // A feed started while the server is down keeps trying, and subscribes once it is up.
+    Feed late;
+    auto waiting = backend->subscriber();
+    waiting->watch(26, "k");
+    ASSERT_EQ(waiting->start(late.base, &late), QV_MOM_OK);
+    late.run_until([] { return false; }, std::chrono::milliseconds(300)); // a few retries
+    EXPECT_EQ(late.subscribed, 0);
+    ASSERT_TRUE(server.start()) << server.error();
+    ASSERT_TRUE(late.run_until([&] { return late.subscribed == 1; }));
+    EXPECT_TRUE(logged(log, QV_ZLOG_LEVEL_ERROR, "feed cannot connect to"));
+
+    // Each time it connects it checks that key events are on, and says why nothing will come.
     redisContext *raw = redisConnectUnix(server.socket_path().c_str());
     ASSERT_TRUE(raw && !raw->err);
     freeReplyObject(redisCommand(raw, "CONFIG SET notify-keyspace-events Kl"));
+    freeReplyObject(redisCommand(raw, "CLIENT KILL TYPE pubsub"));
     redisFree(raw);
-    Feed second;
-    auto deaf = backend->subscriber();
-    deaf->watch(26, "k");
-    ASSERT_EQ(deaf->start(second.base, &second), QV_MOM_OK);
-    ASSERT_TRUE(second.run_until([&] { return second.subscribed == 1; }));
+    ASSERT_TRUE(late.run_until([&] { return late.subscribed == 2; }));
     EXPECT_TRUE(logged(log, QV_ZLOG_LEVEL_ERROR, "notify-keyspace-events \"lK\""));
-    deaf->stop();
+    waiting->stop();
     sub->stop();
 }
 

@@ -23,15 +23,6 @@ int64_t now_us()
 
 void sleep_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
-// Breaks the master from another thread after ms milliseconds.
-std::thread break_after(qv_thread_master_t *m, int ms)
-{
-    return std::thread([m, ms] {
-        sleep_ms(ms);
-        qv_thread_master_break(m);
-    });
-}
-
 struct Seen {
     std::vector<int> ids;
     std::vector<std::thread::id> threads;
@@ -85,11 +76,11 @@ TEST(QvThread, FiresInTimeOrderAfterItsDelayInTheLoopThread)
     EXPECT_EQ(qv_thread_master_pending(m.get()), 0u);
 }
 
-TEST(QvThread, RejectsBadArgumentsCancelsAndFreesPendingTimers)
+TEST(QvThread, CancelsAddsAndBreaksAlsoFromCallbacksAndFreesPendingTimers)
 {
+    Master m = make_master();
     Seen seen;
     Shot a{&seen, 1}, b{&seen, 2};
-    Master m = make_master();
     EXPECT_EQ(qv_thread_add_timer_timeval(m.get(), nullptr, &a, 0, 1), nullptr);
     EXPECT_EQ(qv_thread_add_timer_timeval(m.get(), fire, &a, 0, -1), nullptr);
     qv_thread_t *hb = qv_thread_add_timer_timeval(m.get(), fire, &b, 0, 1000);
@@ -100,51 +91,40 @@ TEST(QvThread, RejectsBadArgumentsCancelsAndFreesPendingTimers)
     EXPECT_EQ(qv_thread_master_pending(m.get()), 1u);
     EXPECT_EQ(qv_thread_master_run(m.get()), 0);
     EXPECT_EQ(seen.ids, std::vector<int>{1});
-    // Freed with timers pending: released, never called.
-    ASSERT_NE(qv_thread_add_timer_timeval(m.get(), fire, &a, 10, 0), nullptr);
-    ASSERT_NE(qv_thread_add_timer_timeval(m.get(), fire, &b, 0, 0), nullptr);
-    m.reset();
-    EXPECT_EQ(seen.ids.size(), 1u);
-}
 
-TEST(QvThread, CallbacksCancelAddAndBreak)
-{
-    Master m = make_master();
-    Seen seen;
     // Due together: the first to fire cancels itself (a no-op) and the other one.
-    Shot a{&seen, 1}, b{&seen, 2};
-    a.victim = qv_thread_add_timer_timeval(m.get(), fire, &b, 0, 1000);
-    b.victim = qv_thread_add_timer_timeval(m.get(), fire, &a, 0, 1000);
+    Shot c{&seen, 3}, d{&seen, 3};
+    c.victim = qv_thread_add_timer_timeval(m.get(), fire, &d, 0, 1000);
+    d.victim = qv_thread_add_timer_timeval(m.get(), fire, &c, 0, 1000);
     sleep_ms(5);
     EXPECT_EQ(qv_thread_master_run(m.get()), 0);
-    EXPECT_EQ(seen.ids.size(), 1u);
-    Shot chain{&seen, 3};
-    chain.again = 2;
+    Shot chain{&seen, 4, nullptr, false, 2};
     ASSERT_NE(qv_thread_add_timer_timeval(m.get(), fire, &chain, 0, 1000), nullptr);
     EXPECT_EQ(qv_thread_master_run(m.get()), 0);
-    EXPECT_EQ(seen.ids.size(), 4u);
+    EXPECT_EQ(seen.ids, (std::vector<int>{1, 3, 4, 4, 4}));
     // A break ends the loop right after its callback, before the other due timer.
-    Shot c{&seen, 4}, d{&seen, 4};
-    c.brk = d.brk = true;
-    ASSERT_NE(qv_thread_add_timer_timeval(m.get(), fire, &c, 0, 1000), nullptr);
-    ASSERT_NE(qv_thread_add_timer_timeval(m.get(), fire, &d, 0, 1000), nullptr);
+    Shot e{&seen, 5, nullptr, true}, f{&seen, 5, nullptr, true};
+    ASSERT_NE(qv_thread_add_timer_timeval(m.get(), fire, &e, 0, 1000), nullptr);
+    ASSERT_NE(qv_thread_add_timer_timeval(m.get(), fire, &f, 0, 1000), nullptr);
     sleep_ms(5);
     EXPECT_EQ(qv_thread_master_run(m.get()), 0);
-    EXPECT_EQ(seen.ids.size(), 5u);
     EXPECT_EQ(qv_thread_master_pending(m.get()), 1u);
+    // Freed with timers pending: released, never called.
+    ASSERT_NE(qv_thread_add_timer_timeval(m.get(), fire, &a, 10, 0), nullptr);
+    m.reset();
+    EXPECT_EQ(seen.ids, (std::vector<int>{1, 3, 4, 4, 4, 5}));
 }
 
 TEST(QvThread, BreaksFromOtherThreadsAndRunLimits)
 {
-    Master m = make_master();
+    Master m = make_master(), idle = make_master();
     Seen seen;
     Shot far{&seen, 1}, due{&seen, 2};
     ASSERT_NE(qv_thread_add_timer_timeval(m.get(), fire, &far, 60, 0), nullptr);
-    std::thread breaker = break_after(m.get(), 20);
+    std::jthread breaker([&] { sleep_ms(20), qv_thread_master_break(m.get()); });
     EXPECT_EQ(qv_thread_master_run(m.get()), 0);
-    breaker.join();
 
-    struct timeval limit = {0, 20000};
+    struct timeval limit = {0, 20000}, long_limit = {60, 0};
     int64_t start = now_us();
     EXPECT_EQ(qv_thread_master_run_for(m.get(), &limit), 0);
     EXPECT_GE(now_us() - start, 20000);
@@ -154,16 +134,13 @@ TEST(QvThread, BreaksFromOtherThreadsAndRunLimits)
     EXPECT_EQ(seen.ids, std::vector<int>{2});
 
     qv_thread_master_break(m.get()); // given before the loop starts: not lost
-    struct timeval long_limit = {60, 0};
     start = now_us();
     EXPECT_EQ(qv_thread_master_run_for(m.get(), &long_limit), 0);
     EXPECT_LT(now_us() - start, 10000000);
 
     // Run until break keeps looping with nothing pending.
-    Master idle = make_master();
     start = now_us();
-    breaker = break_after(idle.get(), 30);
+    std::jthread idle_breaker([&] { sleep_ms(30), qv_thread_master_break(idle.get()); });
     EXPECT_EQ(qv_thread_master_run_until_break(idle.get()), 0);
-    breaker.join();
     EXPECT_GE(now_us() - start, 30000);
 }

@@ -31,7 +31,7 @@ static_assert(sizeof kCatalogue / sizeof kCatalogue[0] == static_cast<size_t>(pm
 void log_read_failure(const char *func, const libpmx_record_kind_t &kind, const ProtobufCMessage *key, int op,
                       int rc)
 {
-    char key_text[256] = "";
+    char key_text[256] = "(singleton)";
     if (kind.key != kind.record)
         libpmx_protoc_format_message_to_buffer(key_text, sizeof key_text, LIBPMX_FMT_COMPACT, key);
     PMX_LOG_AS(func, rc == LIBPMX_E_NOT_FOUND ? LIBPMX_ZLOG_WARN : LIBPMX_ZLOG_ERROR,
