@@ -28,11 +28,10 @@ constexpr std::string_view kLevelNames = [] {
     return text.substr(begin, text.size() - 1 - begin);
 }();
 
-const char *dbg_root()
-{
-    const char *root = std::getenv(LIBPMX_DBG_DIR_ENV);
-    return root != nullptr && *root != '\0' ? root : LIBPMX_DBG_DIR_DEFAULT;
-}
+// The level file of a name; PMX_DBG_DIR, when set, takes the place of its root.
+constexpr char kLevelFile[] = "/data/dbg/%s/%s_dbg";
+constexpr size_t kRootLen = sizeof LIBPMX_DBG_DIR_DEFAULT - 1;
+static_assert(std::string_view(kLevelFile).starts_with(LIBPMX_DBG_DIR_DEFAULT "/"));
 
 void print_level()
 {
@@ -94,11 +93,13 @@ int serve_table(const std::string &module, const libpmx_dbg_cmd_t *cmds, uint32_
 
 extern "C" int libpmx_dbg_level_file(const char *name, char *path, size_t size)
 {
-    const char *root = dbg_root();
-    char dir[512] = {0};
-    at_snprintf(dir, sizeof dir, "%s/%s", root, name);
-    if (access(dir, F_OK) == 0) return at_snprintf(path, size, "%s/%s/%s_dbg", root, name, name);
-    return at_snprintf(path, size, "%s/%s/%s_dbg", root, "libpmx", "libpmx");
+    const char *env = std::getenv(LIBPMX_DBG_DIR_ENV);
+    const std::string root = env != nullptr && *env != '\0' ? env : LIBPMX_DBG_DIR_DEFAULT;
+    // The directory of the name decides, existence alone; otherwise the library's own file.
+    const char *who = access((root + "/" + name).c_str(), F_OK) == 0 ? name : "libpmx";
+    char file[512] = {0};
+    at_snprintf(file, sizeof file, kLevelFile, who, who);
+    return at_snprintf(path, size, "%s%s", root.c_str(), file + kRootLen);
 }
 
 extern "C" int libpmx_dbg_zlog_init(const char *name)

@@ -328,14 +328,15 @@ const libpmx_dbg_cmd_t kMomCommands[] = {
 
 constexpr const char *kOwner = "libpmx";
 
-// The followed kinds of the catalogue, in its order: the data source's in-keys.
+// The followed kinds of the catalogue, in its order: the data source's in-keys (the catalogue
+// holds exactly LIBPMX_MOM_IN_KEYS of them).
 struct InKeys {
     qv_mom_key_desc_t keys[LIBPMX_MOM_IN_KEYS] = {};
     InKeys()
     {
         uint32_t n = 0;
         for (uint32_t i = 0; const libpmx_record_kind_t *kind = libpmx_record_kind_at(i); ++i) {
-            if (kind->followed != 0 && n < LIBPMX_MOM_IN_KEYS)
+            if (kind->followed != 0)
                 keys[n++] = qv_mom_key_desc_t{kind->key, kind->record, kOwner, kind->db};
         }
     }

@@ -19,13 +19,19 @@ constexpr uint8_t HASH = 1, PLAIN = 0;
 constexpr uint8_t WAITS = 1, ONCE = 0;
 constexpr uint8_t FOLLOWED = 1, READ_ONLY = 0;
 
-const libpmx_record_kind_t kCatalogue[] = {
+constexpr libpmx_record_kind_t kCatalogue[] = {
 #define PMX_RECORD_ENTRY(id, record, key, db, form, reads, followed)                                        \
     {&record##__descriptor, &key##__descriptor, db, form, reads, followed},
     LIBPMX_RECORDS(PMX_RECORD_ENTRY)
 #undef PMX_RECORD_ENTRY
 };
 static_assert(sizeof kCatalogue / sizeof kCatalogue[0] == static_cast<size_t>(pmx::Record::COUNT));
+// The data source subscribes to exactly the followed kinds.
+static_assert([] {
+    uint32_t n = 0;
+    for (const libpmx_record_kind_t &kind : kCatalogue) n += kind.followed;
+    return n;
+}() == LIBPMX_MOM_IN_KEYS);
 
 // What a failed read names: the record, and its key fields unless it is a singleton.
 void log_read_failure(const char *func, const libpmx_record_kind_t &kind, const ProtobufCMessage *key, int op,

@@ -40,6 +40,12 @@ UWord g_online_lports[kBitmapWords] = {};
 Word g_local_card_complete{0};
 Word g_lc_complete{0};
 
+// A node id below 1 is no node id: stored as unknown.
+int32_t stored_node_id(int32_t node_id)
+{
+    return node_id < 1 ? kUnknown : node_id;
+}
+
 int32_t load(const Word &w)
 {
     return w.load(std::memory_order_relaxed);
@@ -228,7 +234,7 @@ extern "C" int libpmx_get_myinfo_from_dp_lib_myinfo(int32_t *info)
     libpmx_cache_set_my_info(values);
     if (info != nullptr) {
         std::memcpy(info, values, sizeof values);
-        if (info[LIBPMX_MY_NODE_ID] < 1) info[LIBPMX_MY_NODE_ID] = kUnknown;
+        info[LIBPMX_MY_NODE_ID] = stored_node_id(info[LIBPMX_MY_NODE_ID]);
     }
     return LIBPMX_OK;
 }
@@ -251,7 +257,7 @@ extern "C" void libpmx_cache_set_my_info(const int32_t *info)
         PMX_ERROR("my_info is null");
         return;
     }
-    const int32_t node_id = info[LIBPMX_MY_NODE_ID] < 1 ? kUnknown : info[LIBPMX_MY_NODE_ID];
+    const int32_t node_id = stored_node_id(info[LIBPMX_MY_NODE_ID]);
     store(g_my_info[LIBPMX_MY_NODE_TYPE], info[LIBPMX_MY_NODE_TYPE]);
     store(g_my_info[LIBPMX_MY_SLOT_ID], info[LIBPMX_MY_SLOT_ID]);
     store(g_my_info[LIBPMX_MY_CARD_TYPE], info[LIBPMX_MY_CARD_TYPE]);
