@@ -1,11 +1,12 @@
 # make demo: install what is missing, build, run the demo on the embedded default.
 # make test: install what is missing, build, run every test (unit, integration, export
-#            list, tool), the same suites under address and undefined sanitizers, and a
-#            short fuzz run.
+#            list, tool), the same suites under address and undefined sanitizers and under
+#            the thread sanitizer, and a short run of every fuzz target.
+# make test-armhf: cross-build for 32-bit ARM and run every suite under qemu-arm.
 PRESET ?= default
-FUZZ_SECONDS ?= 60
+FUZZ_SECONDS ?= 30
 
-.PHONY: all deps configure build demo test test-tsan fuzz bench clean
+.PHONY: all deps configure build demo test test-asan test-tsan test-armhf fuzz bench clean
 
 all: build
 
@@ -21,15 +22,24 @@ build: configure
 demo: build
 	scripts/demo build/$(PRESET)
 
-test: build fuzz
-	$(MAKE) --no-print-directory PRESET=asan build
-	ctest --preset asan -j2
+test: build fuzz test-asan test-tsan
 	ctest --preset $(PRESET) -j2
 
-# The same suites under the thread sanitizer (make test already runs them under asan).
+# Every suite under address and undefined sanitizers, then under the thread sanitizer.
+test-asan: deps
+	$(MAKE) --no-print-directory PRESET=asan build
+	ctest --preset asan -j2
+
 test-tsan: deps
 	$(MAKE) --no-print-directory PRESET=tsan build
 	ctest --preset tsan -j2
+
+# The armhf sysroot comes from Debian's armhf packages (scripts/armhf-sysroot); the suites run
+# under qemu-arm, their time limits scaled by the preset's PMX_TEST_TIME_SCALE.
+test-armhf: deps
+	scripts/armhf-sysroot
+	$(MAKE) --no-print-directory PRESET=armhf build
+	ctest --preset armhf -j2
 
 fuzz: deps
 	cmake --preset fuzz >/dev/null

@@ -4,14 +4,16 @@
 # pkg-config file; only public names exported by libpmxhost.so and libpmx.so; and, once the
 # prefix is moved, a program built through the moved tree's pkg-config file that finds the
 # default capability file inside the moved tree (and names its full path when it is missing).
-# Usage: install_tree.sh <build dir> <source dir> <C compiler> <C++ compiler> [extra flags]
+# Usage: install_tree.sh <build dir> <source dir> <C compiler> <C++ compiler> [extra flags [emulator...]]
+# The extra flags (one argument) go to every compile; the emulator's words run the built program.
 set -euo pipefail
 
-build=${1:?usage: install_tree.sh <build dir> <source dir> <cc> <c++> [flags]}
+build=${1:?usage: install_tree.sh <build dir> <source dir> <cc> <c++> [flags [emulator...]]}
 src=${2:?}
 cc=${3:?}
 cxx=${4:?}
 read -r -a extra <<<"${5:-}"
+run=("${@:6}")
 cmake=${CMAKE:-cmake}
 export LC_ALL=C
 user_pc_path=${PKG_CONFIG_PATH:-}
@@ -52,7 +54,7 @@ while IFS= read -r header; do
   for lang in "c $cc c11" "cpp $cxx c++20"; do
     read -r ext compiler std <<<"$lang"
     printf '#include <%s>\n' "$name" >"$work/one.$ext"
-    if ! "$compiler" -std="$std" -Wall -Wextra -Werror "${cflags[@]}" -fsyntax-only "$work/one.$ext" 2>"$work/err"; then
+    if ! "$compiler" -std="$std" -Wall -Wextra -Werror "${extra[@]}" "${cflags[@]}" -fsyntax-only "$work/one.$ext" 2>"$work/err"; then
       echo "install_tree: $name does not compile alone as $std:" >&2
       head -20 "$work/err" >&2
       status=1
@@ -89,12 +91,12 @@ int main(void)
 EOF
 "$cc" -std=c11 "${extra[@]}" "$work/cap_path.c" -o "$work/cap_path" "${flags[@]}" \
   "-Wl,-rpath,$(pkg-config --variable=libdir libpmx)"
-path=$(env -u PMX_CAP_FILE "$work/cap_path") || fail "the moved tree's default capability file did not load"
+path=$(env -u PMX_CAP_FILE "${run[@]}" "$work/cap_path") || fail "the moved tree's default capability file did not load"
 [[ $path == "$moved"/* ]] || fail "default capability file $path is not inside the moved prefix $moved"
 [[ -f $path ]] || fail "default capability file $path does not exist"
 # Without it, the failure names the full path it looked at.
 rm "$path"
-if env -u PMX_CAP_FILE "$work/cap_path" 2>"$work/err"; then fail "loaded a default capability file that is gone"; fi
+if env -u PMX_CAP_FILE "${run[@]}" "$work/cap_path" 2>"$work/err"; then fail "loaded a default capability file that is gone"; fi
 grep -qF "cannot read capability file $path: " "$work/err" || {
   cat "$work/err" >&2
   fail "a missing default capability file is not reported with its full path"

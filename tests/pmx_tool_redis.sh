@@ -2,11 +2,13 @@
 # pmx on a private Redis server: what one process loads, other processes read (the library's
 # start-up and reads included), each record lands in the database and form the library reads,
 # and a record printed by get --json loads back as the same record.
-# Usage: pmx_tool_redis.sh <pmx executable> <source dir>
+# Usage: pmx_tool_redis.sh <source dir> <pmx command...>   (an emulator's words may precede pmx)
 set -euo pipefail
 
-pmx=${1:?usage: $0 <pmx> <source dir>}
-root=${2:?usage: $0 <pmx> <source dir>}
+root=${1:?usage: $0 <source dir> <pmx command...>}
+shift
+pmx=("$@")
+[[ ${#pmx[@]} -gt 0 ]] || { echo "usage: $0 <source dir> <pmx command...>" >&2; exit 2; }
 chassis=$root/examples/chassis/small.json
 dir=$(mktemp -d "${TMPDIR:-/tmp}/pmx-tool.XXXXXX")
 trap '"$root/scripts/redis-private" stop "$dir" || true; rm -rf "$dir"' EXIT
@@ -19,14 +21,14 @@ fail() {
   exit 1
 }
 
-out=$("$pmx" load --db "$url" "$chassis")
+out=$("${pmx[@]}" load --db "$url" "$chassis")
 [[ $out == "loaded 17 records into $url" ]] || fail "load printed '$out'"
 
-out=$("$pmx" get --db "$url" --compact u_intf.pmx_mod_tbl 1 3 0)
+out=$("${pmx[@]}" get --db "$url" --compact u_intf.pmx_mod_tbl 1 3 0)
 [[ $out == *"index:UIntf__ModIndex-{devid:1,slotid:3,sslotid:0},status:1-MODID_VALID,gslot:3,"*"id:[4,5],"* ]] ||
   fail "get of the module table printed '$out'"
 
-out=$(PMX_DB=$url "$pmx" whoami)
+out=$(PMX_DB=$url "${pmx[@]}" whoami)
 diff -u "$root/tests/data/pmx_whoami_small.txt" - <<<"$out" || fail "whoami differs"
 
 # Database and form of a kind as the library's record catalogue gives them.
@@ -43,11 +45,11 @@ EOF
 # Enums, bytes, nested and repeated messages survive the way out as JSON and back.
 for args in "p_dev.dm_card_stattr_t 12" "p_dev.dp_lib_my_info"; do
   # shellcheck disable=SC2086 # the record name and its key words
-  "$pmx" get --db "$url" --json $args >"$dir/record.json"
+  "${pmx[@]}" get --db "$url" --json $args >"$dir/record.json"
   # shellcheck disable=SC2086
-  stored=$("$pmx" get --db "$url" --compact $args)
+  stored=$("${pmx[@]}" get --db "$url" --compact $args)
   # shellcheck disable=SC2086
-  reloaded=$("$pmx" get --db embedded --load "$dir/record.json" --compact $args)
+  reloaded=$("${pmx[@]}" get --db embedded --load "$dir/record.json" --compact $args)
   [[ $stored == "$reloaded" ]] || fail "$args changed through JSON: '$stored' became '$reloaded'"
 done
 echo "pmx on $url: load, get, whoami and JSON round trip passed"

@@ -4,7 +4,7 @@ set(pmx_records ${PROJECT_SOURCE_DIR}/examples/records)
 function(pmx_tool_test name)
   cmake_parse_arguments(T "EXPECT_FAIL" "ARGS;STDIN;EXPECT_STDOUT;STDOUT_REGEX;STDERR_REGEX" "" ${ARGN})
   add_test(NAME pmx_tool_${name}
-    COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:pmx_tool> "-DARGS=${T_ARGS}" "-DSTDIN=${T_STDIN}"
+    COMMAND ${CMAKE_COMMAND} -DTOOL=${pmx_emulator}$<TARGET_FILE:pmx_tool> "-DARGS=${T_ARGS}" "-DSTDIN=${T_STDIN}"
             -DEXPECT_FAIL=${T_EXPECT_FAIL} "-DEXPECT_STDOUT=${T_EXPECT_STDOUT}"
             "-DSTDOUT_REGEX=${T_STDOUT_REGEX}" "-DSTDERR_REGEX=${T_STDERR_REGEX}"
             -P ${CMAKE_CURRENT_SOURCE_DIR}/run_pmx_tool.cmake)
@@ -46,12 +46,12 @@ pmx_tool_test(list_kinds ARGS "decode|--list"
 
 function(pmx_shell_test name)
   cmake_parse_arguments(T "EXPECT_FAIL;TWICE" "ARGS;STDIN;STDOUT_REGEX;STDERR_REGEX;EXPECT_STATUS" "" ${ARGN})
-  set(run "$<TARGET_FILE:pmx_tool>|shell")
+  set(run "${pmx_emulator}$<TARGET_FILE:pmx_tool>|shell")
   if(T_TWICE)
-    set(run "$<TARGET_FILE:ssat_test_server>|${run}")
+    set(run "${pmx_emulator}$<TARGET_FILE:ssat_test_server>|${run}")
   endif()
   add_test(NAME pmx_tool_shell_${name}
-    COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:ssat_test_server>
+    COMMAND ${CMAKE_COMMAND} -DTOOL=${pmx_emulator}$<TARGET_FILE:ssat_test_server>
             "-DARGS=${run}|${T_ARGS}" "-DSTDIN=${T_STDIN}" "-DEXPECT_STATUS=${T_EXPECT_STATUS}"
             -DEXPECT_FAIL=${T_EXPECT_FAIL} "-DSTDOUT_REGEX=${T_STDOUT_REGEX}"
             "-DSTDERR_REGEX=${T_STDERR_REGEX}" -P ${CMAKE_CURRENT_SOURCE_DIR}/run_pmx_tool.cmake)
@@ -79,8 +79,8 @@ pmx_shell_test(list_modules TWICE ARGS "--list-modules" STDOUT_REGEX "^${pmx_dem
 pmx_shell_test(several TWICE EXPECT_STATUS 2 ARGS "demo|echo|x"
   STDERR_REGEX "(^|\n)pmx: module demo is served by several processes; pick one with --pid:\n  ${pmx_demo_row}  ${pmx_demo_row}")
 add_test(NAME pmx_tool_shell_pick_pid
-  COMMAND ${CMAKE_COMMAND} -DTOOL=$<TARGET_FILE:ssat_test_server>
-          "-DARGS=$<TARGET_FILE:ssat_test_server>|sh|-c|out=$(\"$0\" shell demo --pid $SSAT_TEST_SERVER_PID pid) && test \"$out\" = $SSAT_TEST_SERVER_PID|$<TARGET_FILE:pmx_tool>"
+  COMMAND ${CMAKE_COMMAND} -DTOOL=${pmx_emulator}$<TARGET_FILE:ssat_test_server>
+          "-DARGS=${pmx_emulator}$<TARGET_FILE:ssat_test_server>|sh|-c|out=$(\"$@\" shell demo --pid $SSAT_TEST_SERVER_PID pid) && test \"$out\" = $SSAT_TEST_SERVER_PID|sh|${pmx_emulator}$<TARGET_FILE:pmx_tool>"
           -P ${CMAKE_CURRENT_SOURCE_DIR}/run_pmx_tool.cmake)
 
 # Records from a JSON file in the embedded store, which lives as long as one pmx run: every
@@ -126,5 +126,5 @@ pmx_db_test(load_bad_field EXPECT_FAIL ARGS "load|${CMAKE_CURRENT_SOURCE_DIR}/da
 
 # Several processes on one Redis server.
 add_test(NAME pmx_tool_redis
-  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/pmx_tool_redis.sh $<TARGET_FILE:pmx_tool> ${PROJECT_SOURCE_DIR})
-set_tests_properties(pmx_tool_redis PROPERTIES TIMEOUT 60)
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/pmx_tool_redis.sh ${PROJECT_SOURCE_DIR} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:pmx_tool>)
+set_tests_properties(pmx_tool_redis PROPERTIES TIMEOUT ${pmx_test_timeout})

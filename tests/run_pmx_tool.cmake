@@ -1,5 +1,5 @@
 # Runs the pmx tool once and checks its exit status and output.
-#   TOOL            the pmx executable
+#   TOOL            the program to run; an emulator's words may precede it, all separated by '|'
 #   ARGS            its arguments, separated by '|'
 #   STDIN           file fed to standard input (optional)
 #   EXPECT_FAIL     ON: the tool must exit non-zero; otherwise it must exit 0
@@ -7,12 +7,13 @@
 #   EXPECT_STDOUT   file that standard output must equal exactly (optional)
 #   STDOUT_REGEX    regex that standard output must match (optional)
 #   STDERR_REGEX    regex that standard error must match (optional)
+string(REPLACE "|" ";" tool "${TOOL}")
 string(REPLACE "|" ";" args "${ARGS}")
 set(input_args "")
 if(STDIN)
   set(input_args INPUT_FILE "${STDIN}")
 endif()
-execute_process(COMMAND "${TOOL}" ${args} ${input_args}
+execute_process(COMMAND ${tool} ${args} ${input_args}
   RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
 
 set(problems "")

@@ -19,6 +19,7 @@
 #include "qv_mom.h"
 #include "redis_server.h"
 #include "s_intf.pb-c.h"
+#include "time_scale.h"
 #include "u_intf.pb-c.h"
 
 namespace
@@ -100,7 +101,7 @@ struct Recorder {
     bool wait(const std::function<bool(const Seens &)> &pred)
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        return cv_.wait_for(lock, std::chrono::seconds(5), [&] { return pred(seen_); });
+        return cv_.wait_for(lock, pmx_test::at_most(std::chrono::seconds(5)), [&] { return pred(seen_); });
     }
     bool wait_for_key(const std::string &key, int event)
     {

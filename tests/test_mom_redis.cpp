@@ -17,6 +17,7 @@
 #include "mom/backend.h"
 #include "qv_mom.h"
 #include "redis_server.h"
+#include "time_scale.h"
 
 namespace {
 
@@ -38,7 +39,7 @@ struct Feed : qv::mom::SubscriberListener {
     }
     bool run_until(const std::function<bool()> &done, std::chrono::milliseconds limit = std::chrono::seconds(5))
     {
-        auto deadline = std::chrono::steady_clock::now() + limit;
+        auto deadline = std::chrono::steady_clock::now() + pmx_test::at_most(limit);
         for (timeval ten_ms{0, 10000}; !done() && std::chrono::steady_clock::now() < deadline;) {
             event_base_loopexit(base, &ten_ms);
             event_base_dispatch(base);

@@ -17,6 +17,7 @@
 #include "log_capture.h"
 #include "qv_mom.h"
 #include "redis_server.h"
+#include "time_scale.h"
 #include "u_intf.pb-c.h"
 
 namespace {
@@ -43,7 +44,7 @@ struct Mirror {
     template <class Pred> bool wait(Pred done, std::chrono::milliseconds limit = std::chrono::seconds(10))
     {
         std::unique_lock<std::mutex> lock(mutex);
-        return cv.wait_for(lock, limit, [&] { return done(); });
+        return cv.wait_for(lock, pmx_test::at_most(limit), [&] { return done(); });
     }
 } g_mirror;
 

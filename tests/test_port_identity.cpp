@@ -2,6 +2,7 @@
 // store: what is read from the database when, what is cached, and how records are decoded.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 
@@ -367,3 +368,28 @@ TEST_F(PortIdentity, PortInitClearsCompleteFlagsAndOnlinePorts)
 }
 
 } // namespace
+
+// The event thread stores a new identity while two readers ask for it: each value a reader
+// sees is one that was stored, never a torn or half-written one.
+TEST_F(PortIdentity, TwoReadersWhileTheIdentityIsStored)
+{
+    LogCapture quiet(0);
+    const int32_t first[LIBPMX_MY_INFO_NUM] = {1, 3, kCardType, 3, 0, 1};
+    const int32_t second[LIBPMX_MY_INFO_NUM] = {2, 5, kCardType + 1, 5, 1, 1};
+    libpmx_cache_set_my_info(first);
+    std::atomic<bool> done{false};
+    std::atomic<int> strange{0};
+    auto reader = [&] {
+        while (!done.load()) {
+            const int32_t slot = libpmx_get_my_slot(0), type = libpmx_get_my_card_type(0);
+            if ((slot != 3 && slot != 5) || (type != kCardType && type != kCardType + 1)) ++strange;
+        }
+    };
+    std::thread r1(reader), r2(reader);
+    for (int i = 0; i < 2000; ++i) libpmx_cache_set_my_info(i % 2 != 0 ? first : second);
+    done = true;
+    r1.join();
+    r2.join();
+    EXPECT_EQ(strange.load(), 0);
+    EXPECT_EQ(libpmx_get_my_slot(0), 3);
+}

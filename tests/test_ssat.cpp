@@ -304,8 +304,10 @@ TEST_F(SsatTest, SeveralProcessesServeOneModule)
         pid_t pid = 0;
         ~Other() { if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0); }
     } other;
-    char *argv[] = {const_cast<char *>(SSAT_TEST_SERVER), nullptr};
-    ASSERT_EQ(posix_spawn(&other.pid, argv[0], nullptr, nullptr, argv, environ), 0);
+    // The server's command may start with an emulator's words; exec keeps the spawned pid.
+    char *argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
+                    const_cast<char *>("exec " SSAT_TEST_SERVER), nullptr};
+    ASSERT_EQ(posix_spawn(&other.pid, "/bin/sh", nullptr, nullptr, argv, environ), 0);
     ASSERT_EQ(serve("demo"), SSAT_OK);
     const pid_t child = other.pid, self = getpid();
     ssat_client_proc_t procs[3] = {};
