@@ -104,7 +104,7 @@ pmx_db_test(whoami_empty EXPECT_FAIL ARGS "whoami|--wait-seconds|0"
 
 # A hash record keyed in hex (0x12d = 301), and a plain record with a two-field key.
 pmx_db_test(get_hash ARGS "get|--load|${pmx_chassis}|--compact|u_intf.pmx_ifx_tbl|0x12d"
-  STDOUT_REGEX "^UIntf__PmxIfxTbl-{index:UIntf__IfxIndex-{ifx:301},ifx:301,gphyid:0x0702040c,lphyid:0x0800000c,")
+  STDOUT_REGEX "^UIntf__PmxIfxTbl-{index:UIntf__IfxIndex-{ifx:301},ifx:301,gphyid:0x0710190c,lphyid:0x0800000c,")
 pmx_db_test(get_plain ARGS "get|--load|${pmx_chassis}|--compact|u_intf.pmx_card_address_id|12|0"
   STDOUT_REGEX "^UIntf__PmxCardAddressId-{index:UIntf__CardAddressIdIndex-{card_type:12,subcard_type:0},card_pmx_id:2,subcard_pmx_id:0}\n$")
 pmx_db_test(get_missing EXPECT_FAIL ARGS "get|--load|${pmx_chassis}|p_dev.card_info|0|1|9|0"
@@ -124,7 +124,42 @@ pmx_db_test(load_values ARGS "get|--load|${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_lo
 pmx_db_test(load_bad_field EXPECT_FAIL ARGS "load|${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_load_bad_field.json"
   STDERR_REGEX "pmx_load_bad_field.json: record 2 \\(p_dev.dm_card_stattr_t\\): value.chip_attr_array\\[0\\].port_attr\\[1\\].lport: 4294967296 is out of range for int32\n")
 
+# One query of the library with its read mode; phyids decoded; each refusal named with its code.
+pmx_db_test(query_phyid ARGS "query|--load|${pmx_chassis}|phyid|301|--mode|1"
+  STDOUT_REGEX "^phyid 301 \\(mode 1\\)\n  ifx +301\n  gphyid +0x0710190c \\(global port: cid 2, modid 25, port 12\\)\n$")
+pmx_db_test(query_cid_json ARGS "query|--load|${pmx_chassis}|--json|cid|12|--mode|1"
+  STDOUT_REGEX "^{\"query\":\"cid\",\"id\":\"12\",\"mode\":1,\"result\":0,\"card_type\":12,\"subcard_type\":0,\"cid\":2}\n$")
+pmx_db_test(query_cache_only EXPECT_FAIL ARGS "query|--load|${pmx_chassis}|phyid|301|--mode|0"
+  STDERR_REGEX "pmx: phyid 301 \\(mode 0\\): not in the caches of this process \\(mode 0 does not read the database\\) \\(-7 LIBPMX_E_NOT_FOUND\\)\n")
+pmx_db_test(query_ifx_zero EXPECT_FAIL ARGS "query|phyid|0" STDERR_REGEX "ifx 0 is no interface \\(-4 LIBPMX_E_INVAL\\)")
+pmx_db_test(query_wrong_type EXPECT_FAIL ARGS "query|sub-ap|0x13000005"
+  STDERR_REGEX "not a sub-AP phyid: its type is 19, a sub-AP phyid has type 20 \\(-4 LIBPMX_E_INVAL\\)")
+pmx_db_test(query_bad_id EXPECT_FAIL ARGS "query|ifx|0x1g" STDERR_REGEX "^pmx: '0x1g' is not a 32-bit id \\(decimal, or hex with 0x\\)\n$")
+
 # Several processes on one Redis server.
 add_test(NAME pmx_tool_redis
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/pmx_tool_redis.sh ${PROJECT_SOURCE_DIR} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:pmx_tool>)
 set_tests_properties(pmx_tool_redis PROPERTIES TIMEOUT ${pmx_test_timeout})
+
+# pmx gen: the sample chassis from its topology is the committed small.json, which pmx load reads
+# back; the sub-AP of port 1/3/0/5 is there with its evlan, trunk and parent port.
+set(pmx_chassis_dir ${PROJECT_SOURCE_DIR}/examples/chassis)
+add_test(NAME pmx_tool_gen_small
+  COMMAND ${CMAKE_COMMAND} -DTOOL=sh
+          "-DARGS=-c|\"$@\" gen ${pmx_chassis_dir}/small.topo.json -o gen_small.json --truth gen_small.truth >/dev/null && cmp gen_small.json ${pmx_chassis_dir}/small.json && \"$@\" get --load gen_small.json --compact u_intf.pmx_sub_ap_intf 1005|sh|${pmx_emulator}$<TARGET_FILE:pmx_tool>"
+          "-DSTDOUT_REGEX=^UIntf__PmxSubApIntf-{index:UIntf__IfxIndex-{ifx:1005},phyid:0x140003ed,evlan:200,trunk:1,master_phyid:0x07101a01}\n$"
+          -P ${CMAKE_CURRENT_SOURCE_DIR}/run_pmx_tool.cmake)
+set_tests_properties(pmx_tool_gen_small PROPERTIES
+  ENVIRONMENT "PMX_DB=;PMX_CAP_FILE=;PMX_RUN_DIR=${CMAKE_CURRENT_BINARY_DIR}/pmx_tool_run_gen_small")
+# Each error names the file, the path in it and the bad value.
+set(pmx_gen_data ${CMAKE_CURRENT_SOURCE_DIR}/data/gen)
+pmx_tool_test(gen_dup_slot EXPECT_FAIL ARGS "gen|${pmx_gen_data}/dup_slot.topo.json|-o|gen_bad.json"
+  STDERR_REGEX "^pmx: [^\n]*/dup_slot.topo.json: devices\\[0\\].slots\\[1\\].slot: slot 3 of device 1 is given twice \\(also devices\\[0\\].slots\\[0\\]\\)\n$")
+pmx_tool_test(gen_unknown_card EXPECT_FAIL ARGS "gen|${pmx_gen_data}/unknown_card.topo.json|-o|gen_bad.json"
+  STDERR_REGEX "^pmx: [^\n]*/unknown_card.topo.json: devices\\[0\\].slots\\[0\\].card: unknown card type 'LC-9' \\(card_types has LC-8XS\\)\n$")
+pmx_tool_test(gen_port_beyond EXPECT_FAIL ARGS "gen|${pmx_gen_data}/port_beyond.topo.json|-o|gen_bad.json"
+  STDERR_REGEX "^pmx: [^\n]*/port_beyond.topo.json: sub_interfaces\\[0\\].ports: \"1/2/0/9\": lport 9 is beyond the ports of LC-8XS in 1/2/0 \\(8 panel ports from 1\\)\n$")
+pmx_tool_test(gen_modid_exhausted EXPECT_FAIL ARGS "gen|${pmx_gen_data}/modid_exhausted.topo.json|-o|gen_bad.json"
+  STDERR_REGEX "^pmx: [^\n]*/modid_exhausted.topo.json: devices\\[0\\].slots\\[0\\].card: module id range exhausted: card type LC-8XS in 1/3/0 would take module id 24, outside 0..20 \\(modid-info/12 of [^\n]*/narrow.caps.json\\)\n$")
+pmx_tool_test(gen_ifx_collision EXPECT_FAIL ARGS "gen|${pmx_gen_data}/ifx_collision.topo.json|-o|gen_bad.json"
+  STDERR_REGEX "^pmx: [^\n]*/ifx_collision.topo.json: sub_interfaces\\[0\\].ifx: ifx collision: ifx 3 of sub-route 1/2/0/1 evlan 100 is already taken by port 1/2/0/3\n$")

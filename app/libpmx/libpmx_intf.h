@@ -1,5 +1,12 @@
-/* Interface table: one node per interface with the identities of its port, chained by ifx and
- * by gphyid, under the interface-table lock. */
+/* Interface identities: the interface table (one node per interface with the identities of its
+ * port, chained by ifx and by gphyid), the card and subcard ids, and the sub-AP and sub-route
+ * caches.
+ *
+ * The interface table and both id caches are guarded by one process-wide reader-writer lock,
+ * the interface-table lock: lookups, walks and dumps read, changes write, and no database or
+ * capability read is made while it is held. The read mode of the lookups (cache_op, flag): 0
+ * answers from the caches only (-7 when not there); any other value is passed unchanged to the
+ * database read of the record on a miss (1 reads once, 2 reads and waits). */
 #ifndef LIBPMX_INTF_H
 #define LIBPMX_INTF_H
 
@@ -13,8 +20,171 @@ LIBPMX_BEGIN_DECLS
 /* Number of chains of each index. */
 #define LIBPMX_INTF_CHAINS 64
 
-/* Sets up the two arrays of empty chains and the interface-table lock; 0 or -11. */
+/* Types of a phyid (its top 8 bits). */
+#define LIBPMX_PHYID_GLOBAL 7     /* cid bits 19-23, modid bits 8-18, chip port bits 0-7 */
+#define LIBPMX_PHYID_LOCAL 8      /* scid bits 16-23, unit bits 8-15, chip port bits 0-7 */
+#define LIBPMX_PHYID_BACKPLANE 18 /* unit bits 10-15, chip port bits 0-9 */
+#define LIBPMX_PHYID_SUB_ROUTE 19 /* ifx of the sub-route interface in bits 0-23 */
+#define LIBPMX_PHYID_SUB_AP 20    /* ifx of the sub-AP interface in bits 0-23 */
+#define LIBPMX_PHYID_POWER 25     /* as type 7, for power-module and local virtual-unit ports */
+#define LIBPMX_PHYID_TUNNEL 32
+
+/* Orders of libpmx_dump_ifx_tbl_ordered_by. */
+#define LIBPMX_INTF_ORDER_IFX 0
+#define LIBPMX_INTF_ORDER_GPHYID 1
+#define LIBPMX_INTF_ORDER_DEV_SLOT 2 /* dev, slot, sslot, lport */
+
+/* At load: the 64 + 64 empty chains, their index, the interface-table lock, and the debug
+ * commands of the interface subsystem. 0, or -11 when the lock cannot be made. Without memory
+ * for the index the chains alone answer (same answers, slower). */
 LIBPMX_API int libpmx_intf_init(void);
+
+/* ======================== Interface table ======================== */
+
+/* The index beside the chains: on (the default) finds a node by ifx or gphyid in O(1); off
+ * leaves the chains alone to answer, with the same answers. Turning it on builds it from the
+ * chains under the write lock: 0, or -2 without memory (the chains keep answering). */
+LIBPMX_API int libpmx_intf_index_enable(int on);
+
+/* Adds or updates the node of info->ifx: 0; -11 for a null info. A gphyid of 0xFFFFFFFF (a
+ * management port) is refused with a warning and nothing is stored (0). */
+LIBPMX_API int libpmx_add_intf_node(const libpmx_intf_info_t *info);
+/* Under the write lock: logs every other node holding info's gphyid (a conflict; both stay),
+ * then moves the node of info's ifx to the tail of its chains with info's contents. 1 when a
+ * node was updated, 0 when no node has the ifx. */
+LIBPMX_API int libpmx_update_intf_ifx_list(const libpmx_intf_info_t *info);
+/* Appends a new node without looking for one of the same ifx (callers go through add): 0, -2
+ * no memory, -11 null info. */
+LIBPMX_API int libpmx_alloc_intf_node(const libpmx_intf_info_t *info);
+/* Unlinks and frees the node of ifx: 0, or -7 when there is none. */
+LIBPMX_API int libpmx_del_intf_node(uint32_t ifx);
+
+/* A copy of the node of ifx: 0, -7 absent, -11 null info. Table only. */
+LIBPMX_API int libpmx_get_intf_node_by_ifx(uint32_t ifx, libpmx_intf_info_t *info);
+
+/* The gphyid of ifx. *gphyid is set to 0 first; a cached gphyid of 0 counts as absent. 0; -11
+ * null out; -4 ifx 0; -7 not in the table with cache_op 0; else the result of the database read
+ * of u_intf.pmx_ifx_tbl, whose value is not put into the table. */
+LIBPMX_API int libpmx_get_phyid_by_ifx_detail(uint32_t ifx, uint32_t *gphyid, int cache_op);
+LIBPMX_API int libpmx_get_phyid_by_ifx(uint32_t ifx, uint32_t *gphyid);        /* cache_op 2 */
+LIBPMX_API int libpmx_get_phyid_by_ifx_ext(uint32_t ifx, uint32_t *gphyid);    /* cache_op 0 */
+LIBPMX_API int libpmx_get_phyid_by_ifx_ext_db(uint32_t ifx, uint32_t *gphyid); /* cache_op 1 */
+
+/* The ifx of the first node (in chain order: the older) whose gphyid is phyid. 0; -11 null
+ * out; -7 phyid 0, not in the table with cache_op 0, or not read from u_intf.pmx_phy_tbl. */
+LIBPMX_API int libpmx_get_ifx_by_phyid_detail(uint32_t phyid, uint32_t *ifx, int cache_op);
+LIBPMX_API int libpmx_get_ifx_by_phyid(uint32_t phyid, uint32_t *ifx);     /* cache_op 2 */
+LIBPMX_API int libpmx_get_ifx_by_phyid_ext(uint32_t phyid, uint32_t *ifx); /* cache_op 0 */
+
+/* Whether phyid's type (top 8 bits) is type; whether it is a port: types 7, 8, 18, 19, 25. */
+LIBPMX_API int libpmx_is_phyid_fit(uint32_t phyid, uint32_t type);
+LIBPMX_API int libpmx_is_physical_port(uint32_t phyid);
+
+/* Dumps to the debug output, one aligned row per node (hex phyids) and the total. The copies
+ * are taken under the read lock and printed after it is released. */
+/* Every node in ifx-chain order (chain 0 to 63, oldest first), or only the node of ifx. */
+LIBPMX_API void libpmx_dump_ifx_tbl(uint32_t ifx);
+/* Every node in gphyid-chain order, or only the nodes of the gphyid phyid. */
+LIBPMX_API void libpmx_dump_phy_tbl(uint32_t phyid);
+/* The nodes of device dev (and of slot, when slot is not negative), by slot, sslot, lport. */
+LIBPMX_API void libpmx_dump_ifx_tbl_by_dev_slot(int32_t dev, int32_t slot);
+/* Every node sorted by ifx, by gphyid or by dev/slot/sslot/lport (LIBPMX_INTF_ORDER_*). */
+LIBPMX_API void libpmx_dump_ifx_tbl_ordered_by(int32_t order);
+
+/* ======================== Card and subcard ids ========================
+ * libpmx_card_addr_id (card type, subcard type -> cid) and libpmx_subcard_type_id (subcard type
+ * -> scid), under the interface-table lock. -1 stands for no card type and no cid. */
+
+/* Registers the debug command dump_cid_tbl; called from libpmx_intf_init. */
+LIBPMX_API int libpmx_intf_cid_init(void);
+
+/* Cache a cid / scid (the database change callbacks): creates the record, or overwrites a
+ * different cid with an error log. Under the write lock. Always 0. */
+LIBPMX_API int libpmx_cache_cid_with_card_type(int32_t card_type, int32_t subcard_type, int32_t cid);
+LIBPMX_API int libpmx_cache_scid_with_subcard_type(int32_t subcard_type, int32_t scid);
+
+/* The cid of a card type and subcard type. *cid is set to -1 first (a cached -1 is no cid). 0;
+ * -11 card_type -1 (*cid untouched); -7 not cached with flag 0; else the result of the database
+ * read of u_intf.pmx_card_address_id with flag, whose value is not cached here. */
+LIBPMX_API int libpmx_get_cid_with_card_type(int32_t card_type, int32_t subcard_type, int32_t *cid, int flag);
+
+/* The scid of a subcard type: 0 with scid 0 when the subcard-id capability is off (or is 1 and
+ * subcard_type is -1). Cached under the write lock; on a miss with flag other than 0 the
+ * capability data's scid, which is then cached. 0; -11 null out; -7 not found. */
+LIBPMX_API int libpmx_get_scid_with_subcard_type(int32_t subcard_type, int32_t *scid, int flag);
+
+/* Both tables to the debug output under the read lock, by ascending cid and scid. A non-zero
+ * card_type filter shows only the card-id rows of (card_type, subcard_type); a non-zero
+ * subcard_type filter shows only that subcard type's scid row. */
+LIBPMX_API void libpmx_dump_cid_tbl(int32_t card_type, int32_t subcard_type);
+
+/* ======================== Sub-AP and sub-route caches ========================
+ * One record per sub-interface in libpmx_sub_ap_info / libpmx_sub_route_info, each cache under
+ * its own process-wide reader-writer lock (never both held). Sub-interface phyids: type 20
+ * (sub-AP) or 19 (sub-route) in the top 8 bits, the ifx in the low 24. flag of the lookups: 0
+ * answers from the cache only (-7 on a miss); any other value goes unchanged to the database
+ * read (libpmx_get_sub_ap_info_from_db / libpmx_get_sub_route_info_from_db) on a miss, whose
+ * result is returned and whose record is not cached. */
+
+/* Registers the debug commands dump_sub_ap and dump_sub_route ("ifx=%u", 0 or none for all);
+ * called from libpmx_intf_init. 0, or the code of libpmx_dbg_add_cmds. */
+LIBPMX_API int libpmx_intf_sub_init(void);
+
+/* Stores info by its ifx (create or overwrite, under the write lock after a read-locked look).
+ * A cached record is copied to old_info, *has_old = 1 and *changed = whether it differs from info
+ * byte-wise (equal: nothing written); none cached: *has_old = 0, *changed = whether info is not
+ * all zero, old_info untouched. has_old may be null for sub-AP. 0, -11 null argument, -2 no
+ * memory. */
+LIBPMX_API int libpmx_save_cache_sub_ap_info(const libpmx_sub_ap_info_t *info,
+                                             libpmx_sub_ap_info_t *old_info, uint32_t *has_old,
+                                             uint32_t *changed);
+LIBPMX_API int libpmx_save_cache_sub_route_info(const libpmx_sub_route_info_t *info,
+                                                libpmx_sub_route_info_t *old_info,
+                                                uint32_t *has_old, uint32_t *changed);
+
+/* Removes the record of info's ifx under the write lock, whether or not it equals info (a
+ * difference is logged); the removed record goes to old_info and *has_old = 1, else *has_old = 0.
+ * 0, or -11 for a null argument. */
+LIBPMX_API int libpmx_remove_cache_sub_ap_info(const libpmx_sub_ap_info_t *info,
+                                               libpmx_sub_ap_info_t *old_info, uint32_t *has_old);
+LIBPMX_API int libpmx_remove_cache_sub_route_info(const libpmx_sub_route_info_t *info,
+                                                  libpmx_sub_route_info_t *old_info,
+                                                  uint32_t *has_old);
+
+/* The record of a sub-AP (type 20) / sub-route (type 19) phyid, read-locked cache first. 0,
+ * -4 null out or wrong phyid type, -7 miss with flag 0, or the database read's result. */
+LIBPMX_API int libpmx_get_sub_ap_info_by_phyid_detail(uint32_t phyid, libpmx_sub_ap_info_t *out,
+                                                      int flag);
+LIBPMX_API int libpmx_get_sub_route_info_by_phyid_detail(uint32_t phyid,
+                                                         libpmx_sub_route_info_t *out, int flag);
+
+/* Fields of that record: the parent port's phyid (master_phyid), the evlan, the trunk. Results
+ * as the lookup above; -4 for a null out. */
+LIBPMX_API int libpmx_get_ap_phyid_by_sub_ap_phyid(uint32_t phyid, uint32_t *master_phyid,
+                                                   int flag);
+LIBPMX_API int libpmx_get_evlan_trunk_by_sub_ap_phyid(uint32_t phyid, uint32_t *evlan,
+                                                      uint32_t *trunk, int flag);
+LIBPMX_API int libpmx_get_route_phyid_by_sub_route_phyid(uint32_t phyid, uint32_t *master_phyid,
+                                                         int flag);
+LIBPMX_API int libpmx_get_evlan_by_sub_route_phyid(uint32_t phyid, uint32_t *evlan, int flag);
+
+/* The evlan / trunk of a sub-interface phyid, read with flag 2 (database and wait on a miss);
+ * 0 when it cannot be had. */
+LIBPMX_API uint32_t libpmx_evlan_of_sub_ap(uint32_t phyid);
+LIBPMX_API uint32_t libpmx_trunk_of_sub_ap(uint32_t phyid);
+LIBPMX_API uint32_t libpmx_evlan_of_sub_route(uint32_t phyid);
+
+/* Walks the cache (by ascending ifx when sorted) holding its read lock throughout: op must not
+ * save or remove records of the same cache. A null op is logged and walks nothing. */
+LIBPMX_API void libpmx_sub_ap_info_for_each_with_rdlock(int (*op)(void *entry, void *arg),
+                                                        void *arg, int sorted);
+LIBPMX_API void libpmx_sub_route_info_for_each_with_rdlock(int (*op)(void *entry, void *arg),
+                                                           void *arg, int sorted);
+
+/* Prints the cache as a table to the debug output under the read lock: the record of ifx, or
+ * for ifx 0 every record by ascending ifx and the total. */
+LIBPMX_API void libpmx_dump_cache_sub_ap_info(uint32_t ifx);
+LIBPMX_API void libpmx_dump_cache_sub_route_info(uint32_t ifx);
 
 LIBPMX_END_DECLS
 

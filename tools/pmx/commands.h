@@ -24,8 +24,10 @@ struct Command {
 };
 
 Command add_decode_command(CLI::App &app);
+Command add_gen_command(CLI::App &app);
 Command add_get_command(CLI::App &app);
 Command add_load_command(CLI::App &app);
+Command add_query_command(CLI::App &app);
 Command add_shell_command(CLI::App &app);
 Command add_whoami_command(CLI::App &app);
 

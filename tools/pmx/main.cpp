@@ -17,7 +17,9 @@ int main(int argc, char **argv)
     std::vector<pmx_tool::Command> commands;
     commands.push_back(pmx_tool::add_decode_command(app));
     commands.push_back(pmx_tool::add_load_command(app));
+    commands.push_back(pmx_tool::add_gen_command(app));
     commands.push_back(pmx_tool::add_get_command(app));
+    commands.push_back(pmx_tool::add_query_command(app));
     commands.push_back(pmx_tool::add_whoami_command(app));
     commands.push_back(pmx_tool::add_shell_command(app));
 

@@ -11,6 +11,11 @@
 //   static void copy_new(Rec *fresh, const Rec *offered);    create() of a new record
 //   static int compare(const Rec *, const Rec *);    optional: order of the sorted walk, with
 //   static constexpr const char *name;               the name its out-of-memory message prints
+//   static uint32_t hash(const void *key);           optional: replaces lookup2 of the key bytes
+//                                                    (cache families keep lookup2: their unsorted
+//                                                    walks show its bucket order)
+//   static constexpr double max_load;                optional: the load that triggers a rehash,
+//                                                    instead of 0.77
 // LeadingKey and the refresh policies below give the common cases.
 #ifndef LIBPMX_HASH_TABLE_HPP
 #define LIBPMX_HASH_TABLE_HPP
@@ -147,7 +152,10 @@ public:
 
     static uint32_t threshold(uint32_t n_buckets)
     {
-        return static_cast<uint32_t>(n_buckets * 0.77 + 0.5);
+        if constexpr (requires { Traits::max_load; })
+            return static_cast<uint32_t>(n_buckets * Traits::max_load + 0.5);
+        else
+            return static_cast<uint32_t>(n_buckets * 0.77 + 0.5);
     }
 
     Rec *find(const void *key) const
@@ -357,7 +365,10 @@ private:
     }
     [[gnu::always_inline]] static uint32_t hash_of(const void *key)
     {
-        return lookup2(Traits::key_bytes(key), Traits::key_len, 0);
+        if constexpr (requires { Traits::hash(key); })
+            return Traits::hash(key);
+        else
+            return lookup2(Traits::key_bytes(key), Traits::key_len, 0);
     }
     Rec *rec_at(uint32_t i) const { return static_cast<Rec *>(h_->keys[i]); }
 

@@ -19,6 +19,8 @@ namespace pmx
 // taken while it is held.
 enum class LockRank : uint8_t {
     IntfTable = 1,     // interface table and the card-id caches
+    SubAp = 10,        // sub-AP cache (never held with the sub-route lock)
+    SubRoute = 11,     // sub-route cache
     BlockRecords = 60, // block records of long database waits
 };
 
@@ -47,24 +49,27 @@ enum class Access { Read, Write };
 class Guard
 {
 public:
-    Guard(RwLock &lock, Access access) : lock_(lock), outer_(held_)
+    Guard(RwLock &lock, Access access) : lock_(lock)
     {
 #ifndef NDEBUG
+        outer_ = held_;
         if (held_ != nullptr && held_->rank() >= lock.rank()) {
             std::fprintf(stderr, "libpmx: lock order broken: %s taken while %s is held\n", lock.name(),
                          held_->name());
             std::abort();
         }
+        held_ = &lock_;
 #endif
         if (access == Access::Read)
             pthread_rwlock_rdlock(lock_.native());
         else
             pthread_rwlock_wrlock(lock_.native());
-        held_ = &lock_;
     }
     ~Guard()
     {
+#ifndef NDEBUG
         held_ = outer_;
+#endif
         pthread_rwlock_unlock(lock_.native());
     }
     Guard(const Guard &) = delete;
@@ -72,8 +77,11 @@ public:
 
 private:
     RwLock &lock_;
-    RwLock *outer_;                            // the lock held before this one, if any
-    static inline thread_local RwLock *held_ = nullptr; // innermost lock this thread holds
+#ifndef NDEBUG
+    // The order check of debug builds: the lock held before this one, and the innermost one.
+    RwLock *outer_ = nullptr;
+    static inline thread_local RwLock *held_ = nullptr;
+#endif
 };
 
 } // namespace pmx

@@ -1,0 +1,122 @@
+// The chassis generator against the library: the sample chassis written into an embedded store
+// through the tool's own writer, and every interface of its truth table asked back through the
+// library's lookups (database reads, as a process that has cached nothing yet).
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "db_session.h"
+#include "libpmx_cap.h"
+#include "libpmx_intf.h"
+#include "topology.h"
+#include "u_intf.pb-c.h"
+
+namespace
+{
+
+using pmx_tool::PortKind;
+
+TEST(ChassisGen, LibraryAnswersAgreeWithTheTruthTable)
+{
+    pmx_tool::Chassis chassis;
+    std::string error;
+    ASSERT_TRUE(pmx_tool::generate_chassis(PMX_SOURCE_DIR "/examples/chassis/small.topo.json", {},
+                                           &chassis, &error))
+        << error;
+    pmx_tool::DbSession session;
+    pmx_tool::DbOptions db;
+    db.url = "embedded:chassis-gen";
+    ASSERT_TRUE(session.open(db));
+    for (const pmx_tool::Record &r : chassis.records)
+        ASSERT_EQ(session.write(r), QV_MOM_OK) << r.kind()->name;
+    ASSERT_EQ(libpmx_cap_init(nullptr, "test_chassis_gen"), 0); // the subcard-id table
+    libpmx_cap_set_block_times(2);
+
+    // Which card owns each module id, from the module tables written.
+    std::map<uint32_t, std::pair<int32_t, int32_t>> modid_owner;
+    for (const pmx_tool::Record &r : chassis.records) {
+        if (r.kind() != &u_intf__pmx_mod_tbl__descriptor) continue;
+        const auto *mod = static_cast<const UIntf__PmxModTbl *>(static_cast<const void *>(r.value.get()));
+        for (size_t i = 0; i < mod->n_id; ++i) {
+            auto owner = std::make_pair(mod->index->devid, mod->index->slotid);
+            EXPECT_TRUE(modid_owner.emplace(mod->id[i], owner).second)
+                << "module id " << mod->id[i] << " in two module tables";
+        }
+    }
+
+    std::set<PortKind> kinds;
+    std::set<uint32_t> ifxs, phyids;
+    for (const pmx_tool::TruthRow &row : chassis.truth) {
+        SCOPED_TRACE(pmx_tool::truth_json(row).dump());
+        kinds.insert(row.kind);
+        EXPECT_TRUE(ifxs.insert(row.ifx).second) << "ifx given twice";
+        EXPECT_TRUE(phyids.insert(row.gphyid).second) << "gphyid given twice";
+        bool sub = row.kind == PortKind::SubAp || row.kind == PortKind::SubRoute;
+        if (sub) {
+            EXPECT_EQ(row.gphyid, (row.kind == PortKind::SubAp ? 20u : 19u) << 24 | row.ifx);
+        } else {
+            EXPECT_EQ(row.gphyid >> 24, row.kind == PortKind::Power ? 25u : 7u);
+            EXPECT_EQ(static_cast<int32_t>(row.gphyid >> 19 & 31), row.cid);
+            EXPECT_EQ(static_cast<int32_t>(row.gphyid >> 8 & 0x7ff), row.modid);
+            EXPECT_EQ(static_cast<int32_t>(row.gphyid & 0xff), row.port);
+            EXPECT_EQ(row.lphyid, 0x08000000u | static_cast<uint32_t>(row.scid) << 16 |
+                                      static_cast<uint32_t>(row.unit) << 8 |
+                                      static_cast<uint32_t>(row.port));
+            auto owner = modid_owner.find(static_cast<uint32_t>(row.modid));
+            ASSERT_NE(owner, modid_owner.end()) << "modid in no module table";
+            EXPECT_EQ(owner->second, std::make_pair(row.dev, row.slot));
+        }
+
+        uint32_t gphyid = 0;
+        EXPECT_EQ(libpmx_get_phyid_by_ifx_ext_db(row.ifx, &gphyid), 0);
+        EXPECT_EQ(gphyid, row.gphyid);
+        uint32_t ifx = 0;
+        EXPECT_EQ(libpmx_get_ifx_by_phyid(row.gphyid, &ifx), 0);
+        EXPECT_EQ(ifx, row.ifx);
+        int32_t cid = -1;
+        EXPECT_EQ(libpmx_get_cid_with_card_type(row.card_type, row.subcard_type, &cid, 1), 0);
+        EXPECT_EQ(cid, row.cid);
+        if (row.subcard_type != 0) {
+            int32_t scid = -1;
+            EXPECT_EQ(libpmx_get_scid_with_subcard_type(row.subcard_type, &scid, 1), 0);
+            EXPECT_EQ(scid, row.scid);
+        }
+
+        if (row.kind == PortKind::SubAp) {
+            libpmx_sub_ap_info_t info{};
+            ASSERT_EQ(libpmx_get_sub_ap_info_by_phyid_detail(row.gphyid, &info, 1), 0);
+            EXPECT_EQ(info.ifx, row.ifx);
+            EXPECT_EQ(info.phyid, row.gphyid);
+            EXPECT_EQ(info.evlan, row.evlan);
+            EXPECT_EQ(info.trunk, row.trunk);
+            EXPECT_EQ(info.master_phyid, row.master_phyid);
+            uint32_t master = 0;
+            EXPECT_EQ(libpmx_get_ap_phyid_by_sub_ap_phyid(row.gphyid, &master, 1), 0);
+            EXPECT_EQ(master, row.master_phyid);
+        } else if (row.kind == PortKind::SubRoute) {
+            libpmx_sub_route_info_t info{};
+            ASSERT_EQ(libpmx_get_sub_route_info_by_phyid_detail(row.gphyid, &info, 1), 0);
+            EXPECT_EQ(info.ifx, row.ifx);
+            EXPECT_EQ(info.phyid, row.gphyid);
+            EXPECT_EQ(info.evlan, row.evlan);
+            EXPECT_EQ(info.master_phyid, row.master_phyid);
+            uint32_t evlan = 0;
+            EXPECT_EQ(libpmx_get_evlan_by_sub_route_phyid(row.gphyid, &evlan, 1), 0);
+            EXPECT_EQ(evlan, row.evlan);
+        }
+        if (sub) {
+            // The parent is an interface of the chassis, found by its gphyid.
+            uint32_t parent = 0;
+            EXPECT_EQ(libpmx_get_ifx_by_phyid(row.master_phyid, &parent), 0);
+        }
+    }
+    // The sample chassis shows every kind of interface.
+    EXPECT_EQ(kinds, (std::set<PortKind>{PortKind::Port, PortKind::Power, PortKind::SplitMember,
+                                         PortKind::SubAp, PortKind::SubRoute}));
+    EXPECT_EQ(chassis.local, "1/3/0");
+}
+
+} // namespace
