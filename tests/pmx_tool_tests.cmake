@@ -136,6 +136,10 @@ pmx_db_test(query_wrong_type EXPECT_FAIL ARGS "query|sub-ap|0x13000005"
   STDERR_REGEX "not a sub-AP phyid: its type is 19, a sub-AP phyid has type 20 \\(-4 LIBPMX_E_INVAL\\)")
 pmx_db_test(query_bad_id EXPECT_FAIL ARGS "query|ifx|0x1g" STDERR_REGEX "^pmx: '0x1g' is not a 32-bit id \\(decimal, or hex with 0x\\)\n$")
 
+# A number beyond a double is a JSON error of the file, not a crash.
+pmx_db_test(load_huge_number EXPECT_FAIL ARGS "load|${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_load_huge_number.json"
+  STDERR_REGEX "pmx_load_huge_number.json: [^\n]*number overflow")
+
 # Several processes on one Redis server.
 add_test(NAME pmx_tool_redis
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/pmx_tool_redis.sh ${PROJECT_SOURCE_DIR} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:pmx_tool>)

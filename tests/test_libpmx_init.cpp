@@ -174,6 +174,9 @@ TEST(LibpmxInit, DerivedNameLevelFileAndLevelCommands)
     EXPECT_EQ(level_from_file(dbg, "", 4), 4);      // empty: the level stays
     EXPECT_EQ(level_from_file(dbg, "debug", 4), 0); // no digits: logging off
     EXPECT_EQ(level_from_file(dbg, "9", 1), 9);     // not range-checked
+    // Beyond 32 bits: the nearest level that fits, on 32- and 64-bit hosts alike.
+    EXPECT_EQ(level_from_file(dbg, "2147483648", 1), INT32_MAX);
+    EXPECT_EQ(level_from_file(dbg, "-4294967301", 1), INT32_MIN);
     std::filesystem::remove(dbg.path() + "/libpmx/libpmx_dbg");
     EXPECT_EQ(level_from_file(dbg, "", 2), 2);      // missing file too
     unsetenv(LIBPMX_DBG_DIR_ENV);

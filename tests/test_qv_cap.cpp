@@ -127,6 +127,7 @@ TEST(QvCap, FileFromArgumentEnvironmentOrBesideTheLibraryAndLoadFailures)
         {g_dir.path(), LIBQV_CAP_E_FILE, "directory"},
         {g_dir.write("bad.json", "{\n  \"a\": 1,\n  \"b\": tru\n}"), LIBQV_CAP_E_PARSE, "line 3, column 11"},
         {g_dir.write("array.json", "[1, 2]"), LIBQV_CAP_E_PARSE, "not array"},
+        {g_dir.write("huge.json", "{\"a\": 1e400}"), LIBQV_CAP_E_PARSE, "number overflow"},
     };
     for (const auto &[path, rc, detail] : failures) {
         log.clear();

@@ -295,6 +295,12 @@ TEST_F(SsatTest, SocketFileHandling)
     std::ofstream(path_of("file")) << "data";
     EXPECT_EQ(serve("file"), SSAT_E_SOCKET);
     EXPECT_TRUE(fs::is_regular_file(path_of("file")));
+
+    // A name whose pid is not plain digits is no socket of a process (kill(-2) would be a group).
+    const int neg = bind_at(dir_.path() + "/neg.-2.sock", 1);
+    ssat_client_proc_t procs[1] = {};
+    EXPECT_EQ(ssat_client_list("neg", procs, 1), 0);
+    ::close(neg);
 }
 
 TEST_F(SsatTest, SeveralProcessesServeOneModule)

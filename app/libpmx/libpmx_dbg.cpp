@@ -114,7 +114,11 @@ extern "C" int libpmx_dbg_zlog_init(const char *name)
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return LIBPMX_OK; // no file: the level stays
     char text[17] = {0};
-    if (read(fd, text, 16) > 0) pmx::set_log_level(static_cast<int32_t>(std::strtol(text, nullptr, 10)));
+    // A number beyond 32 bits gives the nearest level that fits, whatever the width of long.
+    if (read(fd, text, 16) > 0) {
+        const long long number = std::strtoll(text, nullptr, 10);
+        pmx::set_log_level(static_cast<int32_t>(std::clamp<long long>(number, INT32_MIN, INT32_MAX)));
+    }
     close(fd);
     PMX_INFO("level file %s: dbg_level=%d", path, pmx::log_level());
     return LIBPMX_OK;

@@ -134,6 +134,13 @@ int load(const char *path, libqv_cap_ctrl_info *info)
         QV_CAP_ERROR("capability file %s is not valid JSON at line %zu, column %zu: %s", path, line,
                      column, reason != nullptr ? reason : what);
         return LIBQV_CAP_E_PARSE;
+    } catch (const json::exception &e) {
+        // A number too large for a double ("1e400"): the library tells no position.
+        const char *what = e.what();
+        const char *tag_end = std::strstr(what, "] ");
+        QV_CAP_ERROR("capability file %s is not valid JSON: %s", path,
+                     tag_end != nullptr ? tag_end + 2 : what);
+        return LIBQV_CAP_E_PARSE;
     }
     if (!info->root.is_object()) {
         QV_CAP_ERROR("capability file %s: the top level must be an object, not %s", path,

@@ -103,7 +103,9 @@ bool parse_socket_file(std::string_view file, std::string *stem, pid_t *pid)
     const size_t dot = file.rfind('.');
     if (dot == std::string_view::npos || dot == 0) return false;
     std::string_view digits = file.substr(dot + 1);
-    if (digits.empty() || digits.size() > kMaxPidDigits || digits[0] == '0') return false;
+    // Decimal digits only, without a leading zero: from_chars alone would take a sign.
+    if (digits.empty() || digits.size() > kMaxPidDigits || digits[0] < '1' || digits[0] > '9')
+        return false;
     long long value = 0;
     auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
     if (ec != std::errc() || end != digits.data() + digits.size() || value > INT32_MAX)

@@ -519,16 +519,11 @@ void Server::run_line(Session &s, std::string_view line)
         if (line.size() > ssat_wire::kMaxLine) s.broken = true; // the rest of it would follow
         return;
     }
-    const char *blanks = " \t";
-    size_t begin = line.find_first_not_of(blanks);
-    if (begin == std::string_view::npos) {
+    auto [name, args] = ssat_wire::split_line(line);
+    if (name.empty()) {
         if (!ssat_wire::send_end(s.fd, SSAT_OK)) s.broken = true;
         return;
     }
-    size_t end = std::min(line.find_first_of(blanks, begin), line.size());
-    std::string name(line.substr(begin, end - begin));
-    size_t args_at = std::min(line.find_first_not_of(blanks, end), line.size());
-    std::string args(line.substr(args_at, line.find_last_not_of(blanks) + 1 - args_at));
 
     ssat_cmd_fn fn = nullptr;
     for (const auto &c : commands(s.module))

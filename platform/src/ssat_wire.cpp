@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -70,6 +71,18 @@ std::string line_problem(std::string_view line)
                std::to_string(i + 1) + ": only printable text and tabs are accepted";
     }
     return {};
+}
+
+CommandLine split_line(std::string_view line)
+{
+    constexpr std::string_view blanks = " \t";
+    size_t begin = line.find_first_not_of(blanks);
+    if (begin == std::string_view::npos) return {};
+    size_t end = std::min(line.find_first_of(blanks, begin), line.size());
+    size_t args_at = std::min(line.find_first_not_of(blanks, end), line.size());
+    size_t args_end = std::max(line.find_last_not_of(blanks) + 1, args_at);
+    return {std::string(line.substr(begin, end - begin)),
+            std::string(line.substr(args_at, args_end - args_at))};
 }
 
 bool send_all(int fd, const void *data, size_t size)

@@ -34,6 +34,14 @@ enum class Frame : uint8_t { Output = 'o', Message = 'm', End = 'e' };
 // Why line cannot be sent as a command line; empty when it can.
 std::string line_problem(std::string_view line);
 
+// A command line split into the command name (its first word) and the argument text (the rest,
+// without the blanks around it); both are empty for a blank line. Blanks are spaces and tabs.
+struct CommandLine {
+    std::string name;
+    std::string args;
+};
+CommandLine split_line(std::string_view line);
+
 // Writes all of data; false on any failure (never raises SIGPIPE).
 bool send_all(int fd, const void *data, size_t size);
 // Sends one text frame (Output or Message).

@@ -453,7 +453,7 @@ bool parse_records(const std::string &text, const std::string &name, std::vector
     json doc;
     try {
         doc = json::parse(text);
-    } catch (const json::parse_error &e) {
+    } catch (const json::exception &e) { // a syntax error, or a number too large for a double
         std::string what = e.what();
         // Drop the library's "[json.exception.parse_error.101] " tag.
         size_t tag_end = what.find("] ");
