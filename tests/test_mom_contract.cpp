@@ -312,6 +312,38 @@ TEST_P(MomContract, PlainAndHashRecordsWrongTypesAndValuesThatDoNotUnpack)
     EXPECT_EQ(HGetAll(26, ks), Packed(&me.base));
 }
 
+// A batch stores what the single writes would, across databases and in order (the later of two
+// writes of one key wins); a bad write refuses the whole batch before anything is stored; a store
+// failure names the first write that failed and leaves the ones before it stored.
+TEST_P(MomContract, BatchWritesEqualSingleWrites)
+{
+    std::vector<Ifx> recs;
+    for (uint32_t i = 0; i < 2500; ++i) recs.emplace_back(100 + i % 2400, i);
+    std::vector<qv_mom_key_t> keys;
+    for (auto &r : recs) keys.push_back(r.key());
+    std::vector<qv_mom_batch_write_t> writes;
+    for (size_t i = 0; i < recs.size(); ++i)
+        writes.push_back({i % 3 == 0 ? 4 : 5, &keys[i], recs[i].msg(), i % 5 == 0});
+    ASSERT_EQ(qv_mom_write_batch_sync(ctx_, writes.data(), writes.size()), QV_MOM_OK);
+    // Writes 100 on are the last of their key (the first 100 keys are written twice, alike).
+    for (size_t i = 100; i < recs.size(); ++i) {
+        const auto &w = writes[i];
+        ASSERT_EQ(w.hash ? HGetAll(w.db, keys[i]) : Get(w.db, keys[i]), Packed(recs[i].msg())) << i;
+    }
+
+    Ifx fresh(9000, 1), other(9001, 2);
+    qv_mom_key_t kf = fresh.key(), ko = other.key();
+    const qv_mom_batch_write_t refused[] = {{4, &kf, fresh.msg(), 0}, {4, &ko, fresh.ap_msg(), 0}};
+    EXPECT_EQ(qv_mom_write_batch_sync(ctx_, refused, 2), QV_MOM_E_INVAL);
+    EXPECT_EQ(Get(4, kf), "none") << "nothing of a refused batch is stored";
+
+    ASSERT_EQ(qv_mom_set_sync(ctx_, 4, &ko, other.msg()), QV_MOM_OK);
+    const qv_mom_batch_write_t failing[] = {{4, &kf, fresh.msg(), 0}, {4, &ko, other.msg(), 1}};
+    EXPECT_EQ(qv_mom_write_batch_sync(ctx_, failing, 2), QV_MOM_E_SERVER) << "a hash write on a plain record";
+    EXPECT_EQ(Get(4, kf), Packed(fresh.msg()));
+    EXPECT_EQ(qv_mom_write_batch_sync(ctx_, nullptr, 0), QV_MOM_OK);
+}
+
 TEST_P(MomContract, KeyEventsComeInOrderAndADeleteHandsOnTheLastRecordDelivered)
 {
     auto raw = Raw();

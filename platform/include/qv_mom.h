@@ -123,6 +123,19 @@ int qv_mom_set_sync(void *context, int db, const qv_mom_key_t *key, const Protob
  * message when names is null. A field at its default is stored as an empty value. */
 int qv_mom_hset_sync(void *context, int db, const qv_mom_key_t *key, const ProtobufCMessage *record,
                      const char *const *names, size_t n);
+/* One write of a batch: record under key in db, as a plain record, or (hash non-zero) as a hash
+ * record with every field of the message. */
+typedef struct qv_mom_batch_write {
+    int db;
+    const qv_mom_key_t *key;
+    const ProtobufCMessage *record;
+    int hash;
+} qv_mom_batch_write_t;
+/* Stores n records in their order, in one round trip where the store allows it (a Redis
+ * pipeline), the same as n calls of qv_mom_set_sync / qv_mom_hset_sync. 0, or the code of the
+ * first write that failed: a bad write is refused before anything is sent; after a failure of
+ * the store the writes before it are stored, those after it may be. */
+int qv_mom_write_batch_sync(void *context, const qv_mom_batch_write_t *writes, size_t n);
 /* Deletes the key; 0 also when it was absent. */
 int qv_mom_del_sync(void *context, int db, const qv_mom_key_t *key);
 /* Calls fn for every stored record of that kind in db (plain or hash), in no set order, with the

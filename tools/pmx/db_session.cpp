@@ -88,6 +88,26 @@ int DbSession::write(const Record &record)
     return qv_mom_set_sync(context, record.db, &key, record.value.get());
 }
 
+int DbSession::write_batch(const std::vector<Record> &records, size_t begin, size_t end, size_t *failed)
+{
+    std::vector<qv_mom_key_t> keys;
+    std::vector<qv_mom_batch_write_t> writes;
+    keys.reserve(end - begin);
+    for (size_t i = begin; i < end; ++i) keys.push_back({records[i].key, records[i].kind()});
+    for (size_t i = begin; i < end; ++i)
+        writes.push_back({records[i].db, &keys[i - begin], records[i].value.get(), records[i].form == Form::Hash});
+    const int rc = qv_mom_write_batch_sync(qv_mom_get_thread_local_global(), writes.data(), writes.size());
+    if (rc == QV_MOM_OK) return rc;
+    // The client logged the key; find the record by a write of its own, which stops there again.
+    for (size_t i = begin; i < end; ++i)
+        if (write(records[i]) != QV_MOM_OK) {
+            *failed = i;
+            return rc;
+        }
+    *failed = begin;
+    return rc;
+}
+
 long DbSession::load(const std::string &path)
 {
     std::vector<Record> records;

@@ -45,6 +45,9 @@ class DbSession
     long load(const std::string &path);
     // Writes one record; 0 or the client's code.
     int write(const Record &record);
+    // Writes records [begin, end) in one batch (a pipeline on Redis); 0, or the client's code
+    // with *failed the index of the record that failed.
+    int write_batch(const std::vector<Record> &records, size_t begin, size_t end, size_t *failed);
 
     qv_mom_glb_t *glb() const { return glb_; }
     // The URL the store was opened with.

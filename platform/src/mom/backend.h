@@ -41,6 +41,28 @@ public:
     virtual int set(int db, const std::string &key, const std::string &value) = 0;
     virtual int hset(int db, const std::string &key, const HashFields &fields) = 0;
     virtual int del(int db, const std::string &key) = 0;
+    // One write of a batch: a plain value, or hash fields.
+    struct Write {
+        int db;
+        std::string key;
+        bool hash;
+        std::string value;
+        HashFields fields;
+    };
+    // The writes in order; a store that can send them together overrides it. The result of the
+    // first that failed, the index of which goes to *failed.
+    virtual int write_batch(const std::vector<Write> &writes, size_t *failed)
+    {
+        for (size_t i = 0; i < writes.size(); ++i) {
+            const Write &w = writes[i];
+            const int rc = w.hash ? hset(w.db, w.key, w.fields) : set(w.db, w.key, w.value);
+            if (rc != 0) {
+                *failed = i;
+                return rc;
+            }
+        }
+        return 0;
+    }
     // Every key equal to `name` or starting with `name|`; fn's non-zero result stops the scan.
     virtual int scan(int db, const std::string &name, const std::function<int(const std::string &)> &fn) = 0;
 };

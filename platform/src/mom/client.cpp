@@ -318,6 +318,35 @@ extern "C" int qv_mom_hset_sync(void *context, int db, const qv_mom_key_t *key, 
     return failed(conn->hset(db, text, fields), "hset", db, text);
 }
 
+extern "C" int qv_mom_write_batch_sync(void *context, const qv_mom_batch_write_t *writes, size_t n)
+{
+    if (n == 0) return QV_MOM_OK;
+    if (writes == nullptr) return failed(QV_MOM_E_INVAL, "write batch (no writes)", 0, "");
+    Connection *conn = nullptr;
+    std::vector<Connection::Write> batch(n);
+    for (size_t i = 0; i < n; ++i) {
+        const qv_mom_batch_write_t &w = writes[i];
+        const char *what = w.hash != 0 ? "hset" : "set";
+        Connection::Write &out = batch[i];
+        int rc = prepare(context, w.db, w.key, what, &conn, &out.key);
+        if (rc == QV_MOM_OK) rc = check_record(w.key, w.record, what, out.key);
+        if (rc != QV_MOM_OK) return rc;
+        out.db = w.db;
+        out.hash = w.hash != 0;
+        if (!out.hash) {
+            out.value = qv::mom::pack_record(w.record);
+            continue;
+        }
+        std::string bad;
+        if (qv::mom::hash_fields(w.record, nullptr, 0, &out.fields, &bad) != QV_MOM_OK)
+            return failed(QV_MOM_E_INVAL, "hset", w.db, out.key);
+    }
+    size_t at = 0;
+    const int rc = conn->write_batch(batch, &at);
+    if (rc == QV_MOM_OK) return rc;
+    return failed(rc, batch[at].hash ? "batch hset" : "batch set", batch[at].db, batch[at].key);
+}
+
 extern "C" int qv_mom_del_sync(void *context, int db, const qv_mom_key_t *key)
 {
     Connection *conn = nullptr;

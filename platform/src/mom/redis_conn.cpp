@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <algorithm>
 #include <unordered_set>
 #include <vector>
 
@@ -185,7 +186,91 @@ public:
         return QV_MOM_OK;
     }
 
+    // In pipelines of at most kBatch commands: one round trip each, and a bounded reply backlog.
+    int write_batch(const std::vector<Write> &writes, size_t *failed) override
+    {
+        constexpr size_t kBatch = 1024;
+        for (size_t start = 0; start < writes.size(); start += kBatch) {
+            const int rc = pipeline(writes, start, std::min(writes.size(), start + kBatch), failed);
+            if (rc != QV_MOM_OK) return rc;
+        }
+        return QV_MOM_OK;
+    }
+
 private:
+    // Sends writes [begin, end) with a SELECT wherever the database changes, then reads every
+    // reply. SET and HSET are idempotent, so a connection lost midway is re-made and the whole
+    // pipeline sent once more.
+    int pipeline(const std::vector<Write> &writes, size_t begin, size_t end, size_t *failed)
+    {
+        for (int attempt = 0;; ++attempt) {
+            if (ctx_ == nullptr && !open()) {
+                *failed = begin;
+                return QV_MOM_E_CONN;
+            }
+            std::vector<long> owner; // per reply: the write it answers, or -1 - db for a SELECT
+            int selected = db_;
+            std::vector<const char *> argv;
+            std::vector<size_t> len;
+            for (size_t i = begin; i < end; ++i) {
+                const Write &w = writes[i];
+                if (w.hash && w.fields.empty()) continue;
+                if (w.db != selected) {
+                    const std::string db_text = std::to_string(w.db);
+                    const char *sel_argv[] = {"SELECT", db_text.c_str()};
+                    const size_t sel_len[] = {6, db_text.size()};
+                    redisAppendCommandArgv(ctx_, 2, sel_argv, sel_len);
+                    owner.push_back(-1 - w.db);
+                    selected = w.db;
+                }
+                argv.assign({w.hash ? "HSET" : "SET", w.key.data()});
+                len.assign({w.hash ? size_t{4} : size_t{3}, w.key.size()});
+                if (w.hash) {
+                    for (const auto &f : w.fields) {
+                        argv.insert(argv.end(), {f.first.data(), f.second.data()});
+                        len.insert(len.end(), {f.first.size(), f.second.size()});
+                    }
+                } else {
+                    argv.push_back(w.value.data());
+                    len.push_back(w.value.size());
+                }
+                redisAppendCommandArgv(ctx_, static_cast<int>(argv.size()), const_cast<const char **>(argv.data()),
+                                       len.data());
+                owner.push_back(static_cast<long>(i));
+            }
+            std::vector<Reply> replies(owner.size());
+            bool broken = false;
+            for (size_t r = 0; r < owner.size() && !broken; ++r) {
+                void *reply = nullptr;
+                broken = redisGetReply(ctx_, &reply) != REDIS_OK || reply == nullptr;
+                replies[r].reset(static_cast<redisReply *>(reply));
+            }
+            if (broken) {
+                std::string why = ctx_->errstr;
+                drop();
+                if (attempt == 0) continue;
+                report_down("lost the connection to", why);
+                *failed = begin;
+                return QV_MOM_E_CONN;
+            }
+            db_ = selected;
+            for (size_t r = 0; r < owner.size(); ++r) {
+                if (!is_error(replies[r].get())) continue;
+                if (owner[r] < 0) {
+                    QV_MOM_LOG(QV_ZLOG_LEVEL_ERROR, "SELECT %ld failed on %s: %s (the server needs 32 databases)",
+                               -1 - owner[r], shared_->ep.url.c_str(), replies[r]->str);
+                    db_ = -1;
+                    *failed = r + 1 < owner.size() && owner[r + 1] >= 0 ? static_cast<size_t>(owner[r + 1]) : begin;
+                    return QV_MOM_E_SERVER;
+                }
+                const Write &w = writes[static_cast<size_t>(owner[r])];
+                *failed = static_cast<size_t>(owner[r]);
+                return server_error(w.hash ? "HSET" : "SET", w.db, w.key, replies[r].get());
+            }
+            return QV_MOM_OK;
+        }
+    }
+
     // Sends SELECT (when db changed) and the commands in one write, and reads a reply for each
     // command into out. A command with more arguments than a Cmd holds comes as argc/argv/len.
     // An I/O failure drops the connection and tries once more on a new one.
