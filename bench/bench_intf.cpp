@@ -115,6 +115,9 @@ void BM_IntfMemory(benchmark::State &state)
     double per = 0;
     for (auto _ : state) {
         for (uint32_t i = 0; i < n; ++i) libpmx_del_intf_node(i + 1);
+        // Built again on the empty table: the index starts without buckets and grows as it fills.
+        libpmx_intf_index_enable(0);
+        libpmx_intf_index_enable(1);
         const size_t before = mallinfo2().uordblks;
         for (uint32_t i = 0; i < n; ++i) {
             const libpmx_intf_info_t info = info_of(i);
@@ -144,8 +147,9 @@ struct Redis {
         for (uint32_t i = 0; ok && i < 1000; ++i) {
             index.ifx = rec.ifx = i + 1;
             rec.gphyid = gphyid_of(i);
+            // A hash record, where and as the library reads it.
             const qv_mom_key_t key{&index.base, rec.base.descriptor};
-            ok = qv_mom_set_sync(ctx, LIBPMX_DB_PMX, &key, &rec.base) == QV_MOM_OK;
+            ok = qv_mom_hset_sync(ctx, LIBPMX_DB_PMX, &key, &rec.base, nullptr, 0) == QV_MOM_OK;
         }
     }
     ~Redis()

@@ -32,11 +32,19 @@ def main(path):
     for bm, arg, impl, cpu, unit in rows:
         ref_impl, ref_cpu = refs[(bm, str(arg))]
         ratio = cpu / ref_cpu if ref_cpu else float("nan")
-        note = "reference" if impl == ref_impl else f"{ratio:5.2f}x {ref_impl}"
+        if impl == ref_impl:
+            note = "reference"
+        elif ratio >= 0.01:
+            note = f"{ratio:5.2f}x {ref_impl}"
+        else:
+            note = f"1/{1 / ratio:,.0f} of {ref_impl}"
         print(f"{bm:<18} {impl:<14} {arg:>7} {cpu:10.2f} {unit}  {note}")
     for b in plain:
-        rate = {k: v for k, v in b.items() if k.endswith("/s") or k == "items_per_second"}
-        extra = " ".join(f"{k}={v:,.0f}" for k, v in rate.items())
+        known = {"name", "run_name", "run_type", "repetitions", "repetition_index", "threads", "iterations",
+                 "real_time", "cpu_time", "time_unit", "family_index", "per_family_instance_index",
+                 "aggregate_name", "aggregate_unit", "error_occurred", "error_message"}
+        rate = {k: v for k, v in b.items() if k not in known and isinstance(v, (int, float))}
+        extra = " ".join(f"{k}={v:,.1f}" for k, v in rate.items())
         print(f"{b.get('run_name', b['name']):<48} {b['cpu_time']:10.2f} {b['time_unit']}  {extra}")
 
 
