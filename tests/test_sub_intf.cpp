@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "embedded_db.h"
 #include "libpmx_cap.h"
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
@@ -50,13 +51,6 @@ class SubIntf : public ::testing::Test
   protected:
     void SetUp() override
     {
-        const std::string url = std::string("embedded:sub-") +
-                                ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        char err[256] = "";
-        glb_ = qv_mom_glb_create(url.c_str(), err, sizeof err);
-        ASSERT_NE(glb_, nullptr) << err;
-        ctx_ = qv_mom_thread_attach(glb_, nullptr);
-        ASSERT_NE(ctx_, nullptr);
         libpmx_cap_set_block_times(2);
         libpmx_set_can_block_to_read_db(1);
         clear(libpmx_sub_ap_info_for_each, libpmx_sub_ap_info_get, libpmx_sub_ap_info_destroy);
@@ -67,16 +61,8 @@ class SubIntf : public ::testing::Test
     {
         libpmx_cap_set_block_times(LIBPMX_DEFAULT_BLOCK_TIMES);
         libpmx_set_can_block_to_read_db(1);
-        qv_mom_thread_detach();
-        qv_mom_glb_destroy(glb_);
     }
-    void put(ProtobufCMessage *record, UIntf__IfxIndex *index)
-    {
-        const libpmx_record_kind_t *kind = libpmx_record_kind_find(record->descriptor->name);
-        ASSERT_NE(kind, nullptr);
-        const qv_mom_key_t k{&index->base, record->descriptor};
-        ASSERT_EQ(qv_mom_set_sync(ctx_, kind->db, &k, record), QV_MOM_OK);
-    }
+    void put(ProtobufCMessage *record, UIntf__IfxIndex *index) { db_.put(record, &index->base); }
     void put_sub_ap(const libpmx_sub_ap_info_t &r)
     {
         UIntf__IfxIndex index = U_INTF__IFX_INDEX__INIT;
@@ -101,8 +87,7 @@ class SubIntf : public ::testing::Test
         put(&rec.base, &index);
     }
 
-    qv_mom_glb_t *glb_ = nullptr;
-    void *ctx_ = nullptr;
+    EmbeddedDb db_{std::string("sub-") + ::testing::UnitTest::GetInstance()->current_test_info()->name()};
 };
 
 // Reads of present records seen by the log (each logs one notice), and a line by its text.

@@ -84,16 +84,6 @@ size_t element_size(ProtobufCType type)
     return 0;
 }
 
-std::string json_kind(const json &v)
-{
-    if (v.is_number_float()) return "a fractional number";
-    if (v.is_number()) return "a number";
-    if (v.is_string()) return "a string";
-    if (v.is_boolean()) return "a boolean";
-    if (v.is_array()) return "an array";
-    if (v.is_object()) return "an object";
-    return "null";
-}
 
 // An integer of any width: its sign and magnitude.
 struct Integer {
@@ -400,6 +390,17 @@ json word_json(const std::string &word, const ProtobufCFieldDescriptor *f)
 }
 
 } // namespace
+
+std::string json_kind(const json &v)
+{
+    if (v.is_number_float()) return "a fractional number";
+    if (v.is_number()) return "a number";
+    if (v.is_string()) return "a string";
+    if (v.is_boolean()) return "a boolean";
+    if (v.is_array()) return "an array";
+    if (v.is_object()) return "an object";
+    return "null";
+}
 
 const char *form_name(Form form)
 {

@@ -38,6 +38,9 @@ const ProtobufCMessageDescriptor *key_descriptor(const ProtobufCMessageDescripto
 // messages and the parts of records are not records).
 bool is_record_kind(const ProtobufCMessageDescriptor *desc);
 
+// What a JSON value is, for messages: "a number", "a string", "an object", ...
+std::string json_kind(const nlohmann::json &v);
+
 // A new message of the kind with every field at its default.
 MessagePtr new_message(const ProtobufCMessageDescriptor *desc);
 

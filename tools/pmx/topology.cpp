@@ -57,20 +57,9 @@ std::string index_path(const std::string &path, size_t i)
     return path + "[" + std::to_string(i) + "]";
 }
 
-std::string kind_of(const json &v)
-{
-    if (v.is_number_float()) return "a fractional number";
-    if (v.is_number()) return "a number";
-    if (v.is_string()) return "a string";
-    if (v.is_boolean()) return "a boolean";
-    if (v.is_array()) return "an array";
-    if (v.is_object()) return "an object";
-    return "null";
-}
-
 void only_members(const json &obj, const std::string &path, std::initializer_list<const char *> allowed)
 {
-    if (!obj.is_object()) fail(path, "expected an object, got " + kind_of(obj));
+    if (!obj.is_object()) fail(path, "expected an object, got " + json_kind(obj));
     for (const auto &[k, v] : obj.items()) {
         bool known = k == "comment";
         for (const char *a : allowed)
@@ -85,7 +74,7 @@ void only_members(const json &obj, const std::string &path, std::initializer_lis
 
 int64_t integer(const json &v, const std::string &path, int64_t lo, int64_t hi)
 {
-    if (!v.is_number_integer()) fail(path, "expected an integer, got " + kind_of(v));
+    if (!v.is_number_integer()) fail(path, "expected an integer, got " + json_kind(v));
     bool fits = v.is_number_unsigned() ? v.get<uint64_t>() <= static_cast<uint64_t>(hi)
                                        : v.get<int64_t>() >= lo && v.get<int64_t>() <= hi;
     if (!fits)
@@ -112,7 +101,7 @@ std::string string_member(const json &obj, const std::string &path, const char *
         if (!dflt) fail(member_path(path, name), "missing");
         return *dflt;
     }
-    if (!it->is_string()) fail(member_path(path, name), "expected a string, got " + kind_of(*it));
+    if (!it->is_string()) fail(member_path(path, name), "expected a string, got " + json_kind(*it));
     return it->get<std::string>();
 }
 
@@ -121,7 +110,7 @@ bool bool_member(const json &obj, const std::string &path, const char *name)
     auto it = obj.find(name);
     if (it == obj.end()) return false;
     if (!it->is_boolean())
-        fail(member_path(path, name), "expected true or false, got " + kind_of(*it));
+        fail(member_path(path, name), "expected true or false, got " + json_kind(*it));
     return it->get<bool>();
 }
 
@@ -150,7 +139,7 @@ void add_numbers(const json &v, const std::string &path, int64_t lo, int64_t hi,
         return;
     }
     if (!v.is_string())
-        fail(path, "expected a number, a range \"A-B\" or an array of them, got " + kind_of(v));
+        fail(path, "expected a number, a range \"A-B\" or an array of them, got " + json_kind(v));
     const std::string &text = v.get_ref<const std::string &>();
     std::string_view rest = text;
     do {
@@ -312,7 +301,7 @@ struct Pattern {
 
 Pattern parse_pattern(const json &v, const std::string &path)
 {
-    if (!v.is_string()) fail(path, "expected \"DEV/SLOT/SSLOT/LPORT\", got " + kind_of(v));
+    if (!v.is_string()) fail(path, "expected \"DEV/SLOT/SSLOT/LPORT\", got " + json_kind(v));
     Pattern p;
     p.text = v.get<std::string>();
     std::string_view rest = p.text;
@@ -422,7 +411,7 @@ void Builder::parse_card_types(const json &doc)
         bool subcard = std::strcmp(list, "subcard_types") == 0;
         if (!doc.contains(list)) continue;
         const json &arr = doc[list];
-        if (!arr.is_array()) fail(list, "expected an array, got " + kind_of(arr));
+        if (!arr.is_array()) fail(list, "expected an array, got " + json_kind(arr));
         for (size_t i = 0; i < arr.size(); ++i) {
             const json &o = arr[i];
             std::string path = index_path(list, i);

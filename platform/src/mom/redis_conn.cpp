@@ -216,10 +216,7 @@ private:
                 const Write &w = writes[i];
                 if (w.hash && w.fields.empty()) continue;
                 if (w.db != selected) {
-                    const std::string db_text = std::to_string(w.db);
-                    const char *sel_argv[] = {"SELECT", db_text.c_str()};
-                    const size_t sel_len[] = {6, db_text.size()};
-                    redisAppendCommandArgv(ctx_, 2, sel_argv, sel_len);
+                    append_select(w.db);
                     owner.push_back(-1 - w.db);
                     selected = w.db;
                 }
@@ -280,12 +277,7 @@ private:
         for (int attempt = 0;; ++attempt) {
             if (ctx_ == nullptr && !open()) return QV_MOM_E_CONN;
             const bool select = db != db_;
-            if (select) {
-                const std::string db_text = std::to_string(db);
-                const char *sel_argv[] = {"SELECT", db_text.c_str()};
-                const size_t sel_len[] = {6, db_text.size()};
-                redisAppendCommandArgv(ctx_, 2, sel_argv, sel_len);
-            }
+            if (select) append_select(db);
             // This hiredis declares argv non-const but only reads it.
             for (int i = 0; i < n; ++i)
                 redisAppendCommandArgv(ctx_, cmds[i].argc, const_cast<const char **>(cmds[i].argv), cmds[i].len);
@@ -315,6 +307,14 @@ private:
             }
             return QV_MOM_OK;
         }
+    }
+
+    void append_select(int db)
+    {
+        const std::string db_text = std::to_string(db);
+        const char *argv[] = {"SELECT", db_text.c_str()};
+        const size_t len[] = {6, db_text.size()};
+        redisAppendCommandArgv(ctx_, 2, argv, len);
     }
 
     bool open()
