@@ -44,8 +44,7 @@ struct SubAp {
     static void changes(const Rec &c, const Rec &w)
     {
         PMX_LOG_AS(kSave, LIBPMX_ZLOG_WARN,
-                   "cache ifx:%u, old (phyid: 0x%x, evlan: %u, trunk: %u, master_phyid: 0x%x) => new (phyid: 0x%x, "
-                   "evlan: %u, trunk: %u, master_phyid: 0x%x)",
+                   "cache ifx:%u, old (phyid: 0x%x, evlan: %u, trunk: %u, master_phyid: 0x%x) => new (phyid: 0x%x, evlan: %u, trunk: %u, master_phyid: 0x%x)",
                    w.ifx, c.phyid, c.evlan, c.trunk, c.master_phyid, w.phyid, w.evlan, w.trunk, w.master_phyid);
     }
     static void no_memory(const Rec &w)
@@ -61,8 +60,7 @@ struct SubAp {
     static void differs(const Rec &w, const Rec &c)
     {
         PMX_LOG_AS(kRemove, LIBPMX_ZLOG_ERROR,
-                   "sub_ap cache diff, ifx:%u, expected (phyid: 0x%x, evlan: %u, trunk: %u, master_phyid: 0x%x), "
-                   "cached (phyid: 0x%x, evlan: %u, trunk: %u, master_phyid: 0x%x)",
+                   "sub_ap cache diff, ifx:%u, expected (phyid: 0x%x, evlan: %u, trunk: %u, master_phyid: 0x%x), cached (phyid: 0x%x, evlan: %u, trunk: %u, master_phyid: 0x%x)",
                    w.ifx, w.phyid, w.evlan, w.trunk, w.master_phyid, c.phyid, c.evlan, c.trunk, c.master_phyid);
     }
     static void wrong_type(uint32_t phyid) { PMX_LOG_AS(kLookup, LIBPMX_ZLOG_ERROR, "not sub_ap phyid: 0x%x", phyid); }
@@ -105,8 +103,7 @@ struct SubRoute {
     static void changes(const Rec &c, const Rec &w)
     {
         PMX_LOG_AS(kSave, LIBPMX_ZLOG_WARN,
-                   "cache ifx:%u, phyid: 0x%x, evlan: %u, master_phyid: 0x%x => will change to phyid: 0x%x, evlan: %u, "
-                   "master_phyid: 0x%x",
+                   "cache ifx:%u, phyid: 0x%x, evlan: %u, master_phyid: 0x%x => will change to phyid: 0x%x, evlan: %u, master_phyid: 0x%x",
                    w.ifx, c.phyid, c.evlan, c.master_phyid, w.phyid, w.evlan, w.master_phyid);
     }
     static void no_memory(const Rec &w)
@@ -122,8 +119,7 @@ struct SubRoute {
     static void differs(const Rec &w, const Rec &c)
     {
         PMX_LOG_AS(kRemove, LIBPMX_ZLOG_ERROR,
-                   "sub_route cache diff, ifx:%u, expected (phyid: 0x%x, evlan: %u, master_phyid: 0x%x), cached "
-                   "(phyid: 0x%x, evlan: %u, master_phyid: 0x%x)",
+                   "sub_route cache diff, ifx:%u, expected (phyid: 0x%x, evlan: %u, master_phyid: 0x%x), cached (phyid: 0x%x, evlan: %u, master_phyid: 0x%x)",
                    w.ifx, w.phyid, w.evlan, w.master_phyid, c.phyid, c.evlan, c.master_phyid);
     }
     static void wrong_type(uint32_t phyid) { PMX_LOG_AS(kLookup, LIBPMX_ZLOG_ERROR, "not sub_route phyid: 0x%x", phyid); }

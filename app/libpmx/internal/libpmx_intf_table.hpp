@@ -203,8 +203,7 @@ public:
         append(node);
         const libpmx_intf_info_t &i = node->info;
         PMX_LOG_AS("libpmx_alloc_intf_node", LIBPMX_ZLOG_NOTICE,
-                   "ifx:%u, gphyid:0x%x, lphyid:0x%x, modid:%d, mport:%d, unit:%d, port:%d, dev: %d, slot: %d, "
-                   "sslot:%d, lport:%d, vid:%d, llcbtype:%d, is_valid:%d, core:%d",
+                   "ifx:%u, gphyid:0x%x, lphyid:0x%x, modid:%d, mport:%d, unit:%d, port:%d, dev: %d, slot: %d, sslot:%d, lport:%d, vid:%d, llcbtype:%d, is_valid:%d, core:%d",
                    i.ifx, i.gphyid, i.lphyid, i.modid, i.mport, i.unit, i.port, i.dev, i.slot, i.sslot, i.lport,
                    i.vid, i.llcbtype, i.is_valid, i.core);
         return LIBPMX_OK;
