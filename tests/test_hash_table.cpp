@@ -17,7 +17,7 @@ struct Rec {
 };
 
 struct RecTraits : pmx::LeadingKey<Rec, 4>, pmx::RefreshWhole<Rec> {
-    static constexpr const char *name = "test_rec";
+    static constexpr const char *sort_failed = "test_rec failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return pmx::cmp_unsigned(a->key, b->key); }
 };
 

@@ -41,7 +41,7 @@ struct LocalCardPortReady : LeadingKey<libpmx_local_card_port_ready_t, 4> {
 // Keyed by its second field, gslot; a null record hashes as gslot 0.
 struct CePmxFuidInfoPerSlot {
     using Rec = ce_pmx_fuid_info_per_slot_t;
-    static constexpr const char *name = "ce_pmx_fuid_info_per_slot";
+    static constexpr const char *sort_failed = "ce_pmx_fuid_info_per_slot failed to create qsort hash array.\n";
     static constexpr uint32_t key_len = 4;
     static const void *key_bytes(const void *key)
     {
@@ -64,18 +64,18 @@ struct CePmxFuidInfoPerSlot {
 };
 
 struct ChipidRes : LeadingKey<chipid_res_t, 4>, RefreshWhole<chipid_res_t> {
-    static constexpr const char *name = "chipid_res";
+    static constexpr const char *sort_failed = "chipid_res failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return cmp_unsigned(a->modid, b->modid); }
 };
 
 struct CardAddrId : LeadingKey<libpmx_card_addr_id_t, 8>, RefreshWhole<libpmx_card_addr_id_t> {
-    static constexpr const char *name = "libpmx_card_addr_id";
+    static constexpr const char *sort_failed = "libpmx_card_addr_id failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return cmp_signed(a->cid, b->cid); }
 };
 
 struct SubcardTypeId : LeadingKey<libpmx_subcard_type_id_t, 4>,
                        RefreshWhole<libpmx_subcard_type_id_t> {
-    static constexpr const char *name = "libpmx_subcard_type_id";
+    static constexpr const char *sort_failed = "libpmx_subcard_type_id failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return cmp_signed(a->cid, b->cid); }
 };
 
@@ -113,7 +113,7 @@ struct NotifyHook : LeadingKey<libpmx_notify_hook_t, 4> {
 };
 
 struct CardInfo : LeadingKey<libpmx_card_info_t, 12>, RefreshWhole<libpmx_card_info_t> {
-    static constexpr const char *name = "libpmx_card_info";
+    static constexpr const char *sort_failed = "libpmx_card_info failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b)
     {
         if (int r = cmp_signed(a->dev, b->dev); r != 0) return r;
@@ -126,13 +126,13 @@ struct CardTypePoe : LeadingKey<libpmx_card_type_poe_t, 4>, RefreshWhole<libpmx_
 };
 
 struct SubApInfo : LeadingKey<libpmx_sub_ap_info_t, 4>, RefreshWhole<libpmx_sub_ap_info_t> {
-    static constexpr const char *name = "libpmx_sub_ap_info";
+    static constexpr const char *sort_failed = "libpmx_sub_ap_info failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return cmp_unsigned(a->ifx, b->ifx); }
 };
 
 struct SubRouteInfo : LeadingKey<libpmx_sub_route_info_t, 4>,
                       RefreshWhole<libpmx_sub_route_info_t> {
-    static constexpr const char *name = "libpmx_sub_route_info";
+    static constexpr const char *sort_failed = "libpmx_sub_route_info failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return cmp_unsigned(a->ifx, b->ifx); }
 };
 

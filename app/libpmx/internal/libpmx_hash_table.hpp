@@ -10,7 +10,7 @@
 //   static void refresh(Rec *cached, const Rec *offered);    create() on a cached key
 //   static void copy_new(Rec *fresh, const Rec *offered);    create() of a new record
 //   static int compare(const Rec *, const Rec *);    optional: order of the sorted walk, with
-//   static constexpr const char *name;               the name its out-of-memory message prints
+//   static constexpr const char *sort_failed;        the line its sorted walk prints without memory
 //   static uint32_t hash(const void *key);           optional: replaces lookup2 of the key bytes
 //                                                    (cache families keep lookup2: their unsorted
 //                                                    walks show its bucket order)
@@ -379,7 +379,7 @@ private:
         if (n < 2) return traverse(op, arg);
         auto **arr = static_cast<Rec **>(Alloc::alloc(n * sizeof(Rec *)));
         if (arr == nullptr) {
-            std::printf("%s failed to create qsort hash array.\n", Traits::name);
+            std::fputs(Traits::sort_failed, stdout);
             return traverse(op, arg);
         }
         std::memset(arr, 0, n * sizeof(Rec *));
