@@ -39,6 +39,7 @@ test-tsan: deps
 test-armhf: deps
 	scripts/armhf-sysroot
 	$(MAKE) --no-print-directory PRESET=armhf build
+	@file -L build/armhf/app/libpmx.so | sed 's|^.*/||'
 	ctest --preset armhf -j2
 
 fuzz: deps
