@@ -120,6 +120,7 @@ TEST_F(IntfTable, BadInputAndCacheOnlyNeverReachTheDatabase)
     EXPECT_EQ(libpmx_get_ifx_by_phyid(kG1, nullptr), LIBPMX_E_FAIL);
     EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "ifx is null, phyid:0x702040c, cache_op:2"));
     EXPECT_EQ(libpmx_add_intf_node(nullptr), LIBPMX_E_FAIL);
+    EXPECT_EQ(libpmx_update_intf_ifx_list(nullptr), LIBPMX_E_FAIL);
     EXPECT_EQ(libpmx_alloc_intf_node(nullptr), LIBPMX_E_FAIL);
     EXPECT_EQ(libpmx_get_intf_node_by_ifx(5, nullptr), LIBPMX_E_FAIL);
     EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "info is null ifx:5"));

@@ -345,11 +345,14 @@ TEST_F(SubIntf, DumpsAndWalksGoByAscendingIfx)
     EXPECT_EQ(dump(libpmx_dump_cache_sub_route_info, 301),
               route_head + "not found evlan info for ifx:301 ! \n");
 
+    // The walk's op may look the same cache up (a read on top of the walk's read).
     std::vector<uint32_t> seen;
     libpmx_sub_ap_info_for_each_with_rdlock(
         [](void *e, void *a) {
-            static_cast<std::vector<uint32_t> *>(a)->push_back(
-                static_cast<libpmx_sub_ap_info_t *>(e)->ifx);
+            const auto *rec = static_cast<libpmx_sub_ap_info_t *>(e);
+            libpmx_sub_ap_info_t again{};
+            if (libpmx_get_sub_ap_info_by_phyid_detail(rec->phyid, &again, 0) == 0 && again.ifx == rec->ifx)
+                static_cast<std::vector<uint32_t> *>(a)->push_back(rec->ifx);
             return 0;
         },
         &seen, 1);

@@ -6,6 +6,7 @@
 #include "libpmx_intf.h"
 
 #include <algorithm>
+#include <new>
 #include <tuple>
 #include <vector>
 
@@ -74,6 +75,16 @@ template <class Pick> std::vector<libpmx_intf_info_t> collect(bool by_phy, Pick 
         g_intf_table.for_each_in_ifx_order(take);
     *all = g_intf_table.size();
     return rows;
+}
+
+// A dump's copies need memory; without it the dump says so instead of unwinding into C callers.
+template <class F> void without_throwing(F dump) noexcept
+{
+    try {
+        dump();
+    } catch (const std::bad_alloc &) {
+        ssat_printf("out of memory: no room to copy the table for the dump\n");
+    }
 }
 
 void print_rows(const std::vector<libpmx_intf_info_t> &rows, uint32_t all)
@@ -149,11 +160,10 @@ const libpmx_dbg_cmd_t kCommands[] = {
 
 extern "C" int libpmx_intf_init(void)
 {
-    const int rc = pmx::g_intf_lock.init();
-    if (rc != 0) {
-        PMX_ERROR("interface-table lock init failed: %d", rc);
-        return LIBPMX_E_FAIL;
-    }
+    // Runs at load, before any other thread; the lock needs no call (statically initialised).
+    static bool done = false;
+    if (done) return LIBPMX_OK;
+    done = true;
     if (!g_intf_table.init()) PMX_ERROR("NO MEMORY!!! no interface index, the chains answer");
     libpmx_dbg_add_cmds(kCommands, sizeof kCommands / sizeof kCommands[0]);
     libpmx_intf_cid_init();
@@ -181,15 +191,15 @@ extern "C" int libpmx_add_intf_node(const libpmx_intf_info_t *info)
         PMX_WARN("invalid mgmt gphyid:0x%x", info->gphyid);
         return LIBPMX_OK;
     }
-    if (libpmx_update_intf_ifx_list(info) == 0) return libpmx_alloc_intf_node(info);
-    return LIBPMX_OK;
+    Guard g(pmx::g_intf_lock, Access::Write);
+    return g_intf_table.update(info) == 0 ? g_intf_table.alloc(info) : LIBPMX_OK;
 }
 
 extern "C" int libpmx_update_intf_ifx_list(const libpmx_intf_info_t *info)
 {
     if (info == nullptr) {
         PMX_ERROR("input param is invalid");
-        return 0;
+        return LIBPMX_E_FAIL;
     }
     Guard g(pmx::g_intf_lock, Access::Write);
     return g_intf_table.update(info);
@@ -341,39 +351,47 @@ extern "C" int libpmx_is_physical_port(uint32_t phyid)
 
 extern "C" void libpmx_dump_ifx_tbl(uint32_t ifx)
 {
-    uint32_t all = 0;
-    const auto rows = collect(false, [ifx](const libpmx_intf_info_t &i) { return ifx == 0 || i.ifx == ifx; }, &all);
-    print_rows(rows, all);
+    without_throwing([ifx] {
+        uint32_t all = 0;
+        const auto rows = collect(false, [ifx](const libpmx_intf_info_t &i) { return ifx == 0 || i.ifx == ifx; }, &all);
+        print_rows(rows, all);
+    });
 }
 
 extern "C" void libpmx_dump_phy_tbl(uint32_t phyid)
 {
-    uint32_t all = 0;
-    const auto rows =
-        collect(true, [phyid](const libpmx_intf_info_t &i) { return phyid == 0 || i.gphyid == phyid; }, &all);
-    print_rows(rows, all);
+    without_throwing([phyid] {
+        uint32_t all = 0;
+        const auto rows =
+            collect(true, [phyid](const libpmx_intf_info_t &i) { return phyid == 0 || i.gphyid == phyid; }, &all);
+        print_rows(rows, all);
+    });
 }
 
 extern "C" void libpmx_dump_ifx_tbl_by_dev_slot(int32_t dev, int32_t slot)
 {
-    uint32_t all = 0;
-    auto rows = collect(false, [dev, slot](const libpmx_intf_info_t &i) { return i.dev == dev && (slot < 0 || i.slot == slot); },
-                        &all);
-    std::stable_sort(rows.begin(), rows.end(), [](const libpmx_intf_info_t &a, const libpmx_intf_info_t &b) {
-        return std::tie(a.slot, a.sslot, a.lport, a.ifx) < std::tie(b.slot, b.sslot, b.lport, b.ifx);
+    without_throwing([dev, slot] {
+        uint32_t all = 0;
+        auto rows = collect(
+            false, [dev, slot](const libpmx_intf_info_t &i) { return i.dev == dev && (slot < 0 || i.slot == slot); }, &all);
+        std::stable_sort(rows.begin(), rows.end(), [](const libpmx_intf_info_t &a, const libpmx_intf_info_t &b) {
+            return std::tie(a.slot, a.sslot, a.lport, a.ifx) < std::tie(b.slot, b.sslot, b.lport, b.ifx);
+        });
+        print_rows(rows, all);
     });
-    print_rows(rows, all);
 }
 
 extern "C" void libpmx_dump_ifx_tbl_ordered_by(int32_t order)
 {
-    uint32_t all = 0;
-    auto rows = collect(false, [](const libpmx_intf_info_t &) { return true; }, &all);
-    std::stable_sort(rows.begin(), rows.end(), [order](const libpmx_intf_info_t &a, const libpmx_intf_info_t &b) {
-        if (order == LIBPMX_INTF_ORDER_GPHYID) return std::tie(a.gphyid, a.ifx) < std::tie(b.gphyid, b.ifx);
-        if (order == LIBPMX_INTF_ORDER_DEV_SLOT)
-            return std::tie(a.dev, a.slot, a.sslot, a.lport, a.ifx) < std::tie(b.dev, b.slot, b.sslot, b.lport, b.ifx);
-        return a.ifx < b.ifx;
+    without_throwing([order] {
+        uint32_t all = 0;
+        auto rows = collect(false, [](const libpmx_intf_info_t &) { return true; }, &all);
+        std::stable_sort(rows.begin(), rows.end(), [order](const libpmx_intf_info_t &a, const libpmx_intf_info_t &b) {
+            if (order == LIBPMX_INTF_ORDER_GPHYID) return std::tie(a.gphyid, a.ifx) < std::tie(b.gphyid, b.ifx);
+            if (order == LIBPMX_INTF_ORDER_DEV_SLOT)
+                return std::tie(a.dev, a.slot, a.sslot, a.lport, a.ifx) < std::tie(b.dev, b.slot, b.sslot, b.lport, b.ifx);
+            return a.ifx < b.ifx;
+        });
+        print_rows(rows, all);
     });
-    print_rows(rows, all);
 }

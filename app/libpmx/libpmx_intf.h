@@ -34,9 +34,9 @@ LIBPMX_BEGIN_DECLS
 #define LIBPMX_INTF_ORDER_GPHYID 1
 #define LIBPMX_INTF_ORDER_DEV_SLOT 2 /* dev, slot, sslot, lport */
 
-/* At load: the 64 + 64 empty chains, their index, the interface-table lock, and the debug
- * commands of the interface subsystem. 0, or -11 when the lock cannot be made. Without memory
- * for the index the chains alone answer (same answers, slower). */
+/* At load: the 64 + 64 empty chains, their index and the debug commands of the interface
+ * subsystem; a later call does nothing. Always 0: without memory for the index the chains alone
+ * answer (same answers, slower). */
 LIBPMX_API int libpmx_intf_init(void);
 
 /* ======================== Interface table ======================== */
@@ -46,12 +46,13 @@ LIBPMX_API int libpmx_intf_init(void);
  * chains under the write lock: 0, or -2 without memory (the chains keep answering). */
 LIBPMX_API int libpmx_intf_index_enable(int on);
 
-/* Adds or updates the node of info->ifx: 0; -11 for a null info. A gphyid of 0xFFFFFFFF (a
- * management port) is refused with a warning and nothing is stored (0). */
+/* Adds or updates the node of info->ifx: 0; -11 for a null info; -2 no memory. A gphyid of
+ * 0xFFFFFFFF (a management port) is refused with a warning and nothing is stored (0). The update
+ * and the allocation are one hold of the write lock, so two adds of one new ifx make one node. */
 LIBPMX_API int libpmx_add_intf_node(const libpmx_intf_info_t *info);
 /* Under the write lock: logs every other node holding info's gphyid (a conflict; both stay),
  * then moves the node of info's ifx to the tail of its chains with info's contents. 1 when a
- * node was updated, 0 when no node has the ifx. */
+ * node was updated, 0 when no node has the ifx, -11 for a null info. */
 LIBPMX_API int libpmx_update_intf_ifx_list(const libpmx_intf_info_t *info);
 /* Appends a new node without looking for one of the same ifx (callers go through add): 0, -2
  * no memory, -11 null info. */
@@ -99,7 +100,7 @@ LIBPMX_API void libpmx_dump_ifx_tbl_ordered_by(int32_t order);
 LIBPMX_API int libpmx_intf_cid_init(void);
 
 /* Cache a cid / scid (the database change callbacks): creates the record, or overwrites a
- * different cid with an error log. Under the write lock. Always 0. */
+ * different cid with an error log. Under the write lock; the lock's release result (0). */
 LIBPMX_API int libpmx_cache_cid_with_card_type(int32_t card_type, int32_t subcard_type, int32_t cid);
 LIBPMX_API int libpmx_cache_scid_with_subcard_type(int32_t subcard_type, int32_t scid);
 

@@ -75,14 +75,13 @@ extern "C" int libpmx_cache_cid_with_card_type(int32_t card_type, int32_t subcar
     if (r == nullptr) {
         const libpmx_card_addr_id_t fresh{static_cast<uint32_t>(card_type), static_cast<uint32_t>(subcard_type),
                                           static_cast<uint32_t>(cid)};
-        if (libpmx_card_addr_id_create(&fresh) == nullptr)
-            PMX_ERROR("NO MEMORY!!! card_type:%d subcard_type:%d cid:%d not cached", card_type, subcard_type, cid);
+        libpmx_card_addr_id_create(&fresh); // logs its own failure
     } else if (static_cast<int32_t>(r->cid) != cid) {
         PMX_ERROR("existed card_type:%d subcard_type:%d local_cid:%d, cid:%d ", card_type, subcard_type,
                   static_cast<int32_t>(r->cid), cid);
         r->cid = static_cast<uint32_t>(cid);
     }
-    return LIBPMX_OK;
+    return g.release();
 }
 
 extern "C" int libpmx_cache_scid_with_subcard_type(int32_t subcard_type, int32_t scid)
@@ -92,13 +91,12 @@ extern "C" int libpmx_cache_scid_with_subcard_type(int32_t subcard_type, int32_t
     libpmx_subcard_type_id_t *r = libpmx_subcard_type_id_get(subcard_type);
     if (r == nullptr) {
         const libpmx_subcard_type_id_t fresh{static_cast<uint32_t>(subcard_type), static_cast<uint32_t>(scid)};
-        if (libpmx_subcard_type_id_create(&fresh) == nullptr)
-            PMX_ERROR("NO MEMORY!!! subcard_type:%d scid:%d not cached", subcard_type, scid);
+        libpmx_subcard_type_id_create(&fresh); // logs its own failure
     } else if (static_cast<int32_t>(r->cid) != scid) {
         PMX_ERROR("existed subcard_type:%d local_scid:%d, scid:%d ", subcard_type, static_cast<int32_t>(r->cid), scid);
         r->cid = static_cast<uint32_t>(scid);
     }
-    return LIBPMX_OK;
+    return g.release();
 }
 
 extern "C" int libpmx_get_cid_with_card_type(int32_t card_type, int32_t subcard_type, int32_t *cid, int flag)

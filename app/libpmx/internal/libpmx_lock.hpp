@@ -53,34 +53,46 @@ public:
     {
 #ifndef NDEBUG
         outer_ = held_;
-        if (held_ != nullptr && held_->rank() >= lock.rank()) {
+        outer_read_ = held_read_;
+        // A walk's callback may look the same table up again: a read on top of a read is fine.
+        const bool reread = held_ == &lock && held_read_ && access == Access::Read;
+        if (held_ != nullptr && held_->rank() >= lock.rank() && !reread) {
             std::fprintf(stderr, "libpmx: lock order broken: %s taken while %s is held\n", lock.name(),
                          held_->name());
             std::abort();
         }
         held_ = &lock_;
+        held_read_ = access == Access::Read;
 #endif
         if (access == Access::Read)
             pthread_rwlock_rdlock(lock_.native());
         else
             pthread_rwlock_wrlock(lock_.native());
     }
-    ~Guard()
+    ~Guard() { release(); }
+    // Releases the lock before the end of the scope: the platform's result, 0 when already released.
+    int release()
     {
+        if (released_) return 0;
+        released_ = true;
 #ifndef NDEBUG
         held_ = outer_;
+        held_read_ = outer_read_;
 #endif
-        pthread_rwlock_unlock(lock_.native());
+        return pthread_rwlock_unlock(lock_.native());
     }
     Guard(const Guard &) = delete;
     Guard &operator=(const Guard &) = delete;
 
 private:
     RwLock &lock_;
+    bool released_ = false;
 #ifndef NDEBUG
     // The order check of debug builds: the lock held before this one, and the innermost one.
     RwLock *outer_ = nullptr;
+    bool outer_read_ = false;
     static inline thread_local RwLock *held_ = nullptr;
+    static inline thread_local bool held_read_ = false;
 #endif
 };
 
