@@ -4,7 +4,7 @@
 #            the thread sanitizer, and a short run of every fuzz target.
 # make test-armhf: cross-build for 32-bit ARM and run every suite under qemu-arm.
 PRESET ?= default
-FUZZ_SECONDS ?= 30
+FUZZ_SECONDS ?= 20
 
 .PHONY: all deps configure build demo test test-asan test-tsan test-armhf fuzz bench clean
 
