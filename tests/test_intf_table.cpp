@@ -84,6 +84,14 @@ TEST_F(IntfTable, ConflictsKeepBothNodesAndTheOlderAnswers)
     EXPECT_EQ(ifx, 5u);
     EXPECT_EQ(libpmx_get_phyid_by_ifx_ext(5, &phy), 0);
     EXPECT_EQ(phy, kG2);
+    // The chains alone give the same answers, and so does the index built again from them.
+    for (int on : {0, 1}) {
+        ASSERT_EQ(libpmx_intf_index_enable(on), 0);
+        EXPECT_EQ(libpmx_get_ifx_by_phyid_ext(kG1, &ifx), 0);
+        EXPECT_EQ(ifx, 6u) << "index " << on;
+        EXPECT_EQ(libpmx_get_phyid_by_ifx_ext(5, &phy), 0);
+        EXPECT_EQ(phy, kG2) << "index " << on;
+    }
     libpmx_intf_info_t copy{};
     EXPECT_EQ(libpmx_get_intf_node_by_ifx(5, &copy), 0);
     EXPECT_EQ(copy.lphyid, a.lphyid);
