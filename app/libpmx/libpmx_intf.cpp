@@ -95,16 +95,10 @@ void print_rows(const std::vector<libpmx_intf_info_t> &rows, uint32_t all)
     print_total(out, static_cast<uint32_t>(rows.size()), all);
 }
 
-int usage(const char *cmd, const char *form, const std::string &why)
-{
-    ssat_printf("%s: %s\nusage: %s %s\n", cmd, why.c_str(), cmd, form);
-    return LIBPMX_E_INVAL;
-}
-
 int cmd_dump_ifx(const char *args)
 {
     pmx::DbgArgs a(args, {"ifx"});
-    if (!a.error().empty()) return usage("dump_ifx_tbl", "[ifx=%u]", a.error());
+    if (!a.error().empty()) return pmx::dbg_usage("dump_ifx_tbl", "[ifx=%u]", a.error());
     libpmx_dump_ifx_tbl(static_cast<uint32_t>(a.get("ifx", 0)));
     return LIBPMX_OK;
 }
@@ -112,7 +106,7 @@ int cmd_dump_ifx(const char *args)
 int cmd_dump_phy(const char *args)
 {
     pmx::DbgArgs a(args, {"phyid"});
-    if (!a.error().empty()) return usage("dump_phy_tbl", "[phyid=%x]", a.error());
+    if (!a.error().empty()) return pmx::dbg_usage("dump_phy_tbl", "[phyid=%x]", a.error());
     libpmx_dump_phy_tbl(static_cast<uint32_t>(a.get("phyid", 0)));
     return LIBPMX_OK;
 }
@@ -120,8 +114,8 @@ int cmd_dump_phy(const char *args)
 int cmd_dump_dev_slot(const char *args)
 {
     pmx::DbgArgs a(args, {"dev", "slot"});
-    if (!a.error().empty()) return usage("dump_ifx_tbl_by_dev_slot", "dev=%d [slot=%d]", a.error());
-    if (a.get("dev", -1) < 0) return usage("dump_ifx_tbl_by_dev_slot", "dev=%d [slot=%d]", "dev is needed");
+    if (!a.error().empty()) return pmx::dbg_usage("dump_ifx_tbl_by_dev_slot", "dev=%d [slot=%d]", a.error());
+    if (a.get("dev", -1) < 0) return pmx::dbg_usage("dump_ifx_tbl_by_dev_slot", "dev=%d [slot=%d]", "dev is needed");
     libpmx_dump_ifx_tbl_by_dev_slot(static_cast<int32_t>(a.get("dev", -1)), static_cast<int32_t>(a.get("slot", -1)));
     return LIBPMX_OK;
 }
@@ -131,7 +125,7 @@ int cmd_index(const char *args)
     pmx::DbgArgs a(args, {"on"});
     const int64_t on = a.get("on", -1);
     if (!a.error().empty() || (on != 0 && on != 1))
-        return usage("set_intf_index", "on=0|1", a.error().empty() ? "on must be 0 or 1" : a.error());
+        return pmx::dbg_usage("set_intf_index", "on=0|1", a.error().empty() ? "on must be 0 or 1" : a.error());
     const int rc = libpmx_intf_index_enable(static_cast<int>(on));
     ssat_printf("interface index %s\n", rc != LIBPMX_OK ? "could not be built, the chains answer" : on ? "on" : "off");
     return rc;
@@ -142,7 +136,7 @@ int cmd_dump_ordered(const char *args)
     pmx::DbgArgs a(args, {"by"});
     const int64_t by = a.get("by", LIBPMX_INTF_ORDER_IFX);
     if (!a.error().empty() || by < LIBPMX_INTF_ORDER_IFX || by > LIBPMX_INTF_ORDER_DEV_SLOT)
-        return usage("dump_ifx_tbl_ordered_by", "by=0|1|2  (0 ifx, 1 gphyid, 2 dev/slot/sslot/lport)",
+        return pmx::dbg_usage("dump_ifx_tbl_ordered_by", "by=0|1|2  (0 ifx, 1 gphyid, 2 dev/slot/sslot/lport)",
                      a.error().empty() ? "by must be 0, 1 or 2" : a.error());
     libpmx_dump_ifx_tbl_ordered_by(static_cast<int32_t>(by));
     return LIBPMX_OK;

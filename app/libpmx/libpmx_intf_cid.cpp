@@ -47,10 +47,7 @@ int print_scid_row(void *entry, void *arg)
 int cmd_dump_cid(const char *args)
 {
     pmx::DbgArgs a(args, {"card_type", "subcard_type"});
-    if (!a.error().empty()) {
-        ssat_printf("dump_cid_tbl: %s\nusage: dump_cid_tbl [card_type=%%d] [subcard_type=%%d]\n", a.error().c_str());
-        return LIBPMX_E_INVAL;
-    }
+    if (!a.error().empty()) return pmx::dbg_usage("dump_cid_tbl", "[card_type=%d] [subcard_type=%d]", a.error());
     libpmx_dump_cid_tbl(static_cast<int32_t>(a.get("card_type", 0)), static_cast<int32_t>(a.get("subcard_type", 0)));
     return LIBPMX_OK;
 }

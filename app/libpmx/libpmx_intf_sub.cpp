@@ -291,10 +291,7 @@ template <class K> void dump(uint32_t ifx)
 int dump_cmd(const char *name, const char *args, void (*dump_fn)(uint32_t))
 {
     pmx::DbgArgs a(args, {"ifx"});
-    if (!a.error().empty()) {
-        ssat_printf("%s: %s\nusage: %s ifx=%%u (0 or none for all)\n", name, a.error().c_str(), name);
-        return LIBPMX_E_INVAL;
-    }
+    if (!a.error().empty()) return pmx::dbg_usage(name, "ifx=%u (0 or none for all)", a.error());
     dump_fn(static_cast<uint32_t>(a.get("ifx", 0)));
     return LIBPMX_OK;
 }

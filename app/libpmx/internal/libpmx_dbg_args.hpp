@@ -12,6 +12,9 @@
 #include <utility>
 #include <vector>
 
+#include "libpmx_errno.h"
+#include "ssat.h"
+
 namespace pmx
 {
 
@@ -72,6 +75,13 @@ private:
     std::vector<std::pair<std::string, int64_t>> values_;
     std::string error_;
 };
+
+// A command's refused arguments: prints what was wrong and its usage line; the result is -4.
+inline int dbg_usage(const char *cmd, const char *form, const std::string &why)
+{
+    ssat_printf("%s: %s\nusage: %s %s\n", cmd, why.c_str(), cmd, form);
+    return LIBPMX_E_INVAL;
+}
 
 } // namespace pmx
 

@@ -137,12 +137,6 @@ public:
         table().insert(n->*Next);
         return table().size() == before + 1;
     }
-    size_t bytes() const
-    {
-        if (header_ == nullptr) return 0;
-        const uint32_t n = header_->n_buckets;
-        return sizeof *header_ + n * sizeof(void *) + (n < 16 ? 4 : n / 4);
-    }
 
 private:
     KeyedTable<Traits> table() const { return KeyedTable<Traits>(header_); }
@@ -270,13 +264,6 @@ public:
     }
 
     uint32_t size() const { return count_; }
-    // Bytes the table takes: its nodes and, when indexed, its indexes.
-    size_t bytes() const
-    {
-        size_t b = sizeof *this + count_ * sizeof(IntfNode);
-        if constexpr (Indexed) b += by_ifx_.bytes() + by_phy_.bytes();
-        return b;
-    }
     bool indexed() const { return Indexed && indexed_; }
 
     // Frees the nodes and the index: for a table that goes away (the library's own lives as long

@@ -31,8 +31,6 @@ public:
     RwLock(const RwLock &) = delete;
     RwLock &operator=(const RwLock &) = delete;
 
-    // A lock made at load needs no call; one re-made at set-up passes the platform's code on.
-    int init() { return pthread_rwlock_init(&lock_, nullptr); }
     const char *name() const { return name_; }
     LockRank rank() const { return rank_; }
     pthread_rwlock_t *native() { return &lock_; }
