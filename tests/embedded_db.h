@@ -29,16 +29,25 @@ public:
     EmbeddedDb(const EmbeddedDb &) = delete;
     EmbeddedDb &operator=(const EmbeddedDb &) = delete;
 
-    // The record under its key message (the record itself when it carries its key first).
+    // The record under its key message (the record itself when it carries its key first), from
+    // the thread that made this store.
     void put(const ProtobufCMessage *record, const ProtobufCMessage *key = nullptr)
+    {
+        put_from(ctx_, record, key);
+    }
+    // The same from a thread attached with its own context.
+    static void put_from(void *ctx, const ProtobufCMessage *record, const ProtobufCMessage *key = nullptr)
     {
         const libpmx_record_kind_t *kind = libpmx_record_kind_find(record->descriptor->name);
         ASSERT_NE(kind, nullptr) << record->descriptor->name;
         const qv_mom_key_t k{key != nullptr ? key : record, key != nullptr ? record->descriptor : nullptr};
-        ASSERT_EQ(kind->hash ? qv_mom_hset_sync(ctx_, kind->db, &k, record, nullptr, 0)
-                             : qv_mom_set_sync(ctx_, kind->db, &k, record),
+        ASSERT_EQ(kind->hash ? qv_mom_hset_sync(ctx, kind->db, &k, record, nullptr, 0)
+                             : qv_mom_set_sync(ctx, kind->db, &k, record),
                   QV_MOM_OK);
     }
+
+    // The store, for another thread to attach to.
+    qv_mom_glb_t *glb() const { return glb_; }
 
 private:
     qv_mom_glb_t *glb_ = nullptr;

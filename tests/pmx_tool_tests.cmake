@@ -134,6 +134,13 @@ pmx_db_test(query_cache_only EXPECT_FAIL ARGS "query|--load|${pmx_chassis}|phyid
 pmx_db_test(query_ifx_zero EXPECT_FAIL ARGS "query|phyid|0" STDERR_REGEX "ifx 0 is no interface \\(-4 LIBPMX_E_INVAL\\)")
 pmx_db_test(query_wrong_type EXPECT_FAIL ARGS "query|sub-ap|0x13000005"
   STDERR_REGEX "not a sub-AP phyid: its type is 19, a sub-AP phyid has type 20 \\(-4 LIBPMX_E_INVAL\\)")
+# A module id's card and cid (subcard port of slot 4 on the sample chassis), and the blocking
+# lookup, which checks the port's card before it waits.
+pmx_db_test(query_modid_subcard ARGS "query|--load|${pmx_chassis}|--json|modid|33|--port|20"
+  STDOUT_REGEX "\"dev\":1,\"slot\":4,.*\"card_type\":12,\"subcard_type\":3,\"cid\":5,\"local\":false}")
+pmx_db_test(query_ifx_block ARGS "query|--load|${pmx_chassis}|ifx-block|0x0710190c" STDOUT_REGEX "ifx +301\n")
+pmx_db_test(query_ifx_block_wrong_cid EXPECT_FAIL ARGS "query|--load|${pmx_chassis}|ifx-block|0x0718190c"
+  STDERR_REGEX "no present card whose cid is the phyid's cid field 3 .*\(-11 LIBPMX_E_FAIL\)")
 pmx_db_test(query_bad_id EXPECT_FAIL ARGS "query|ifx|0x1g" STDERR_REGEX "^pmx: '0x1g' is not a 32-bit id \\(decimal, or hex with 0x\\)\n$")
 
 # A number beyond a double is a JSON error of the file, not a crash.

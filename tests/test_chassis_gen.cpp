@@ -1,16 +1,19 @@
 // The chassis generator against the library: the sample chassis written into an embedded store
 // through the tool's own writer, and every interface of its truth table asked back through the
-// library's lookups (database reads, as a process that has cached nothing yet).
+// library's lookups (database reads, as a process that has cached nothing yet; the module
+// tables it reads on the way are kept, as the lookups do).
 #include <gtest/gtest.h>
 
 #include <map>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "db_session.h"
 #include "libpmx_cap.h"
 #include "libpmx_intf.h"
+#include "libpmx_mod.h"
 #include "topology.h"
 #include "u_intf.pb-c.h"
 
@@ -83,6 +86,24 @@ TEST(ChassisGen, LibraryAnswersAgreeWithTheTruthTable)
             int32_t scid = -1;
             EXPECT_EQ(libpmx_get_scid_with_subcard_type(row.subcard_type, &scid, 1), 0);
             EXPECT_EQ(scid, row.scid);
+        }
+
+        if (!sub) {
+            // Module side: the module table found by its modid, the card and subcard types of the
+            // port's card, its cid, and the blocking lookup that checks that cid before it waits.
+            int32_t dev = 0, slot = 0, unit = -1;
+            EXPECT_EQ(libpmx_get_dev_slot_unit_by_modid(row.modid, &dev, &slot, &unit), 0);
+            EXPECT_EQ(std::make_tuple(dev, slot, unit), std::make_tuple(row.dev, row.slot, row.unit));
+            int32_t card_type = -1, subcard_type = -1;
+            EXPECT_EQ(libpmx_get_card_type_by_modid_port(row.modid, row.port, &card_type, &subcard_type, 2), 0);
+            EXPECT_EQ(std::make_pair(card_type, subcard_type), std::make_pair(row.card_type, row.subcard_type));
+            cid = -1;
+            EXPECT_EQ(libpmx_get_cid_by_modid_port(row.modid, row.port, &cid, 2), 0);
+            EXPECT_EQ(cid, row.cid);
+            ifx = 0;
+            EXPECT_EQ(libpmx_get_ifx_by_phyid_block(row.gphyid, &ifx), 0);
+            EXPECT_EQ(ifx, row.ifx);
+            EXPECT_EQ(libpmx_is_local_modid(row.modid) != 0, row.dev == 1 && row.slot == 3);
         }
 
         if (row.kind == PortKind::SubAp) {

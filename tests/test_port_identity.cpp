@@ -310,6 +310,9 @@ TEST_F(PortIdentity, ValidModuleTableOnlyWhenAllocated)
     mod.index = &mi;
     mod.status = U_INTF__SLOT_MODID_ST_E__MODID_NONE;
     mod.gslot = 3;
+    uint32_t ids[] = {40, 41};
+    mod.n_id = 2;
+    mod.id = ids;
     put(&mod.base, &mi.base);
 
     auto decode_gslot = [](const void *reply, void *out) {
@@ -318,8 +321,10 @@ TEST_F(PortIdentity, ValidModuleTableOnlyWhenAllocated)
     };
     int32_t gslot = 0;
     libpmx_set_can_block_to_read_db(0); // one attempt each, no wait
-    EXPECT_EQ(libpmx_get_info_from_pmx_mod_tbl(1, 3, 0, decode_gslot, &gslot), 0) << "any status";
+    EXPECT_EQ(libpmx_get_info_from_pmx_mod_tbl(41, decode_gslot, &gslot), 0) << "any status, found by modid";
     EXPECT_EQ(gslot, 3);
+    EXPECT_EQ(libpmx_get_info_from_pmx_mod_tbl(42, decode_gslot, &gslot), LIBPMX_E_NOT_FOUND)
+        << "a modid that no table lists";
     gslot = 0;
     EXPECT_EQ(libpmx_get_info_from_pmx_vaild_mod_tbl(1, 3, 0, decode_gslot, &gslot),
               LIBPMX_E_NOT_FOUND);

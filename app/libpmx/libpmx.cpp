@@ -11,6 +11,7 @@
 
 #include "libpmx_cap.h"
 #include "libpmx_dbg.h"
+#include "libpmx_mod.h"
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
 #include "libpmx_mom.h"
@@ -33,6 +34,8 @@ extern "C" __attribute__((constructor)) void libpmx_initial(void)
         PMX_ERROR("libpmx_intf_init, ret: %d", rc);
         std::exit(-1);
     }
+    // The module subsystem's debug commands, so that dumps work before start-up too.
+    libpmx_mod_init();
 }
 
 // Caches, timers and the database handle are left to the end of the process.

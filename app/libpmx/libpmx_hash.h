@@ -66,22 +66,6 @@ LIBPMX_API int libpmx_local_card_port_ready_entry_each_item_op(libpmx_hash_op_t 
                                                                int sorted);
 
 /* ---- ce_pmx_fuid_info_per_slot: forwarding units of one card, keyed by gslot ---- */
-#define LIBPMX_FUID_UNITS_PER_SLOT 8
-#define LIBPMX_FUID_MODIDS_PER_UNIT 16
-typedef struct libpmx_fuid_unit {
-    int8_t unit;       /* local unit number */
-    uint8_t modid_type;
-    int8_t idnum;      /* how many modids the unit has */
-    uint32_t modid[LIBPMX_FUID_MODIDS_PER_UNIT]; /* index: core */
-} libpmx_fuid_unit_t;
-typedef struct ce_pmx_fuid_info_per_slot {
-    uint32_t status;    /* 0 none, 1 chip ids allocated, 2 limit */
-    uint32_t gslot;     /* key */
-    uint32_t card_type;
-    uint32_t node_type;
-    uint32_t fuid_num;  /* unit entries in use */
-    libpmx_fuid_unit_t fuid[LIBPMX_FUID_UNITS_PER_SLOT];
-} ce_pmx_fuid_info_per_slot_t;
 LIBPMX_HASH_FAMILY_DECLS(ce_pmx_fuid_info_per_slot, libpmx_ce_pmx_fuid_info_per_slot,
                          ce_pmx_fuid_info_per_slot_t, (int32_t gslot))
 /* Key equality: both non-null and the same gslot. */

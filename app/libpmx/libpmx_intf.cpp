@@ -5,6 +5,8 @@
 
 #include "libpmx_intf.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <new>
 #include <tuple>
@@ -162,6 +164,7 @@ extern "C" int libpmx_intf_init(void)
     libpmx_dbg_add_cmds(kCommands, sizeof kCommands / sizeof kCommands[0]);
     libpmx_intf_cid_init();
     libpmx_intf_sub_init();
+    libpmx_intf_sport_init();
     return LIBPMX_OK;
 }
 
@@ -295,6 +298,42 @@ extern "C" int libpmx_get_ifx_by_phyid_detail(uint32_t phyid, uint32_t *ifx, int
     *ifx = rec.ifx;
     PMX_INFO("phyid:0x%x ifx:%u", phyid, rec.ifx);
     return LIBPMX_OK;
+}
+
+extern "C" int libpmx_get_ifx_by_phyid_block_detail(uint32_t phyid, uint32_t *ifx)
+{
+    int rc = libpmx_get_ifx_by_phyid_detail(phyid, ifx, 0);
+    if (rc == LIBPMX_OK || ifx == nullptr) return rc;
+    const uint32_t type = (phyid >> 24) & 0xFFu;
+    if (type != LIBPMX_PHYID_GLOBAL && type != LIBPMX_PHYID_POWER) {
+        PMX_WARN("not support phyid:0x%x", phyid);
+        return LIBPMX_E_NOT_FOUND;
+    }
+    PMX_WARN("find ifx from cache by phyid:0x%x fail, and try to get from DB", phyid);
+    const auto modid = static_cast<int32_t>((phyid >> 8) & 0x7FFu);
+    const auto port = static_cast<int32_t>(phyid & 0xFFu);
+    int32_t cid = -1;
+    rc = libpmx_get_cid_by_modid_port(modid, port, &cid, 2);
+    if (rc != LIBPMX_OK) {
+        PMX_ERROR("modid invaild, get cid fail, modid:%d port:%d ret:%d", modid, port, rc);
+        return LIBPMX_E_FAIL;
+    }
+    const auto phyid_cid = static_cast<int32_t>((phyid >> 19) & 0x1Fu);
+    if (cid != phyid_cid) {
+        PMX_ERROR("cid invaild, modid:%d port:%d cid:%d l_cid:%d", modid, port, phyid_cid, cid);
+        return LIBPMX_E_FAIL;
+    }
+    // The port's card is present (its module and cid agree): wait for its record, unbounded.
+    libpmx_intf_info_t rec{};
+    while (libpmx_get_info_from_pmx_phy_tbl(phyid, &rec, 2) != LIBPMX_OK) usleep(100000);
+    *ifx = rec.ifx;
+    PMX_INFO("phyid:0x%x ifx:%u", phyid, rec.ifx);
+    return LIBPMX_OK;
+}
+
+extern "C" int libpmx_get_ifx_by_phyid_block(uint32_t phyid, uint32_t *ifx)
+{
+    return libpmx_get_ifx_by_phyid_block_detail(phyid, ifx);
 }
 
 extern "C" int libpmx_get_phyid_by_ifx(uint32_t ifx, uint32_t *gphyid)

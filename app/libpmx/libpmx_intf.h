@@ -13,6 +13,7 @@
 #include <stdint.h>
 
 #include "libpmx_export.h"
+#include "libpmx_hash.h"
 #include "libpmx_types.h"
 
 LIBPMX_BEGIN_DECLS
@@ -77,6 +78,14 @@ LIBPMX_API int libpmx_get_ifx_by_phyid_detail(uint32_t phyid, uint32_t *ifx, int
 LIBPMX_API int libpmx_get_ifx_by_phyid(uint32_t phyid, uint32_t *ifx);     /* cache_op 2 */
 LIBPMX_API int libpmx_get_ifx_by_phyid_ext(uint32_t phyid, uint32_t *ifx); /* cache_op 0 */
 
+/* The ifx of phyid, waiting for the database as long as it takes. The table first; a miss
+ * takes only a type-7 or type-25 phyid (else -7 at once), whose module and port must name a
+ * card whose cid is the phyid's cid field (libpmx_get_cid_by_modid_port, flag 2; else -11);
+ * then u_intf.pmx_phy_tbl is read every 100 ms until it answers. The check of the cid is what
+ * keeps the wait for ports of cards that are really present: there is no upper bound. */
+LIBPMX_API int libpmx_get_ifx_by_phyid_block_detail(uint32_t phyid, uint32_t *ifx);
+LIBPMX_API int libpmx_get_ifx_by_phyid_block(uint32_t phyid, uint32_t *ifx);
+
 /* Whether phyid's type (top 8 bits) is type; whether it is a port: types 7, 8, 18, 19, 25. */
 LIBPMX_API int libpmx_is_phyid_fit(uint32_t phyid, uint32_t type);
 LIBPMX_API int libpmx_is_physical_port(uint32_t phyid);
@@ -109,6 +118,11 @@ LIBPMX_API int libpmx_cache_scid_with_subcard_type(int32_t subcard_type, int32_t
  * read of u_intf.pmx_card_address_id with flag, whose value is not cached here. */
 LIBPMX_API int libpmx_get_cid_with_card_type(int32_t card_type, int32_t subcard_type, int32_t *cid, int flag);
 
+/* The cid of the card that owns a module's port: its card type and subcard type from
+ * libpmx_get_card_type_by_modid_port with flag (-11 when they cannot be found), then as
+ * libpmx_get_cid_with_card_type. */
+LIBPMX_API int libpmx_get_cid_by_modid_port(int32_t modid, int32_t port, int32_t *cid, int flag);
+
 /* The scid of a subcard type: 0 with scid 0 when the subcard-id capability is off (or is 1 and
  * subcard_type is -1). Cached under the write lock; on a miss with flag other than 0 the
  * capability data's scid, which is then cached. 0; -11 null out; -7 not found. */
@@ -118,6 +132,27 @@ LIBPMX_API int libpmx_get_scid_with_subcard_type(int32_t subcard_type, int32_t *
  * card_type filter shows only the card-id rows of (card_type, subcard_type); a non-zero
  * subcard_type filter shows only that subcard type's scid row. */
 LIBPMX_API void libpmx_dump_cid_tbl(int32_t card_type, int32_t subcard_type);
+
+/* ======================== Slot and panel-port queries ========================
+ * libpmx_global_sport (card type, chip unit, chip port -> sub-slot, panel port) under the
+ * global-sport lock; filled on a miss from the card types' static attributes
+ * (p_dev.dm_card_stattr_t): a port that the card type lists is on the card itself (sub-slot 0);
+ * one listed by the subcard in sub-slot s (p_dev.card_info of dev/slot/s) is in sub-slot s; a
+ * chip port that nobody lists belongs where the nearest listed port below it on its unit does
+ * (the lanes above a port are its break-out members, with its panel port). Which sub-slot a host
+ * chip port serves is a property of the host card type, so the entry is kept by the host's card
+ * type; the panel port is the one of the subcard found then. */
+
+/* Registers the debug command dump_global_sport; called from libpmx_intf_init. */
+LIBPMX_API int libpmx_intf_sport_init(void);
+
+/* Fills sport's card_type, sslot and lport from its unit and port for the card in dev/slot.
+ * mode 0: the cache only (-7 on a miss); another mode reads the card type and the static
+ * attributes on a miss (an empty sub-slot is read once, never waited for). 0; -11 null sport;
+ * -7 no sub-slot of the card holds the port; the card-type and attribute reads' codes. */
+LIBPMX_API int libpmx_get_global_sport_info(int32_t dev, int32_t slot, libpmx_global_sport_t *sport, int mode);
+/* Every entry: card type, unit, port, sub-slot, panel port; the total. */
+LIBPMX_API void libpmx_dump_global_sport(void);
 
 /* ======================== Sub-AP and sub-route caches ========================
  * One record per sub-interface in libpmx_sub_ap_info / libpmx_sub_route_info, each cache under

@@ -10,6 +10,7 @@
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
 #include "libpmx_intf_lock.hpp"
+#include "libpmx_mod.h"
 #include "libpmx_mom.h"
 #include "ssat.h"
 
@@ -128,6 +129,18 @@ extern "C" int libpmx_get_cid_with_card_type(int32_t card_type, int32_t subcard_
     }
     PMX_INFO("card_type:%d subcard_type:%d cid:%d from db", card_type, subcard_type, *cid);
     return LIBPMX_OK;
+}
+
+extern "C" int libpmx_get_cid_by_modid_port(int32_t modid, int32_t port, int32_t *cid, int flag)
+{
+    PMX_INFO("get cid by modid:%d port:%d flag:%d", modid, port, flag);
+    int32_t card_type = -1;
+    int32_t subcard_type = 0;
+    if (libpmx_get_card_type_by_modid_port(modid, port, &card_type, &subcard_type, flag) != LIBPMX_OK) {
+        PMX_WARN("get card type failed modid:%d flag:%d", modid, flag);
+        return LIBPMX_E_FAIL;
+    }
+    return libpmx_get_cid_with_card_type(card_type, subcard_type, cid, flag);
 }
 
 extern "C" int libpmx_get_scid_with_subcard_type(int32_t subcard_type, int32_t *scid, int flag)

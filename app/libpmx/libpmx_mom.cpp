@@ -180,6 +180,50 @@ extern "C" int libpmx_hget_info_from_db(const qv_mom_key_t *key, int db, libpmx_
     return ret;
 }
 
+namespace
+{
+
+struct ScanMatch {
+    libpmx_db_decode_fn match;
+    void *out;
+};
+
+// A record that does not unpack is passed over: nothing half-decoded is handed on.
+int scan_one(const char *, const ProtobufCMessage *record, void *arg)
+{
+    const auto *m = static_cast<const ScanMatch *>(arg);
+    return record != nullptr && m->match(record, m->out) == LIBPMX_OK ? 1 : 0;
+}
+
+} // namespace
+
+extern "C" int libpmx_scan_info_from_db(const ProtobufCMessageDescriptor *record, int db, libpmx_db_decode_fn match,
+                                        void *out)
+{
+    const char *proto = record != nullptr ? record->name : "(null)";
+    if (record == nullptr || match == nullptr) {
+        PMX_ERROR("invalid param, scan proto %s", proto);
+        return LIBPMX_E_FAIL;
+    }
+    void *ctx = qv_mom_get_thread_local_global();
+    if (ctx == nullptr) {
+        PMX_ERROR("local global is NULL, proto %s", proto);
+        return LIBPMX_E_NO_DB;
+    }
+    int rc = qv_mom_client_connect_sync(ctx, db);
+    if (rc != 0) {
+        PMX_ERROR("connect db (%d) failed (%d), proto %s", db, rc, proto);
+        return LIBPMX_E_NO_DB;
+    }
+    ScanMatch m{match, out};
+    rc = qv_mom_scan_sync(ctx, db, record, scan_one, &m);
+    PMX_NOTICE("db %d, scan proto %s, ret %d", db, proto, rc);
+    if (rc == 1) return LIBPMX_OK;
+    if (rc == 0) return LIBPMX_E_NOT_FOUND;
+    PMX_ERROR("scan db %d failed (%d), proto %s", db, rc, proto);
+    return LIBPMX_E_FAIL;
+}
+
 extern "C" int libpmx_getinfo_from_db_with_block(const qv_mom_key_t *key, int db, int use_hash,
                                                  libpmx_db_decode_fn decode, void *out, int op)
 {

@@ -46,6 +46,11 @@ LIBPMX_API int libpmx_get_info_from_db(const qv_mom_key_t *key, int db, libpmx_d
 /* One read of a hash record with all its fields; results as above. */
 LIBPMX_API int libpmx_hget_info_from_db(const qv_mom_key_t *key, int db, libpmx_db_decode_fn decode,
                                         void *out);
+/* Scans every stored record of a kind in db (plain or hash), handing each to match until one
+ * gives 0: 0, -7 when none did, -20 no context or connection, -11 failed scan. No wait: a scan
+ * names no key that could appear. */
+LIBPMX_API int libpmx_scan_info_from_db(const ProtobufCMessageDescriptor *record, int db,
+                                        libpmx_db_decode_fn match, void *out);
 /* Reads (hash when use_hash) and, when op is 2 and the thread may wait, retries every 0.1 s
  * while the read fails with anything but -20. The result of the last read. */
 LIBPMX_API int libpmx_getinfo_from_db_with_block(const qv_mom_key_t *key, int db, int use_hash,
@@ -134,6 +139,14 @@ LIBPMX_API int libpmx_get_lc_card_stattr(int32_t card_type, libpmx_card_stattr_t
 /* Chip unit and port of panel port lport of a card type; -7 when the type has no such port. */
 LIBPMX_API int libpmx_get_static_port_from_dmcard_stattr(int32_t card_type, int32_t lport,
                                                          int32_t *unit, int32_t *port);
+/* Panel port of a card type's chip unit and port (a subcard type lists its ports on the host's
+ * units). When that chip port is not listed, the nearest listed port below it on the unit
+ * answers (the lanes of a break-out port). listed_port receives the chip port that answered;
+ * -7 when the type lists no port at or below it on the unit. */
+LIBPMX_API int libpmx_get_lport_from_dmcard_stattr(int32_t card_type, int32_t unit, int32_t port,
+                                                   int32_t *lport, int32_t *listed_port);
+/* The number of sub-slots of a card type. */
+LIBPMX_API int libpmx_get_sub_slot_num_from_dmcard_stattr(int32_t card_type, int32_t *num);
 /* The power-supply attribute of a card type (0 or 1). */
 LIBPMX_API int libpmx_get_power_supply_from_dmcard_stattr(int32_t card_type, int32_t *power_supply);
 /* The number of virtual chip units of a card type. */
@@ -146,11 +159,18 @@ LIBPMX_API int libpmx_get_info_from_pmx_phy_tbl(uint32_t phyid, libpmx_intf_info
 LIBPMX_API int libpmx_get_sub_ap_info_from_db(uint32_t ifx, libpmx_sub_ap_info_t *out, int op);
 LIBPMX_API int libpmx_get_sub_route_info_from_db(uint32_t ifx, libpmx_sub_route_info_t *out, int op);
 
-/* The module table of a slot (database 26, hash), handed to the caller's decoder as a
- * u_intf.pmx_mod_tbl record: waiting with op 2; the valid variant hands on only a table whose
- * module ids are allocated (-7 otherwise); the last one waits with the caller's op. */
-LIBPMX_API int libpmx_get_info_from_pmx_mod_tbl(int32_t dev, int32_t slot, int32_t sslot,
-                                                libpmx_db_decode_fn decode, void *out);
+/* Decoder of a u_intf.pmx_mod_tbl record into a libpmx_mod_tbl_info_t: the slot of its index,
+ * status, gslot and card type as stored, node_type 0 (the table carries none), fuid_num the
+ * number of unit entries, and the first 8 entries with at most 16 module ids each. 0, or -11 for
+ * a null argument. */
+LIBPMX_API int libpmx_mod_tbl_decode(const void *reply, void *out);
+/* The module table that lists modid (database 26, hash): found by a scan of the module tables,
+ * then read by its key with a waiting read (op 2) and handed to decode. -7 when no table lists
+ * the modid: module tables are keyed by slot, so an unlisted modid names no key to wait for. */
+LIBPMX_API int libpmx_get_info_from_pmx_mod_tbl(int32_t modid, libpmx_db_decode_fn decode, void *out);
+/* The module table of a slot (database 26, hash) handed to decode: the valid variant waits
+ * (op 2) and hands on only a table whose module ids are allocated (-7 otherwise); the other
+ * waits with the caller's op. */
 LIBPMX_API int libpmx_get_info_from_pmx_vaild_mod_tbl(int32_t dev, int32_t slot, int32_t sslot,
                                                       libpmx_db_decode_fn decode, void *out);
 LIBPMX_API int libpmx_get_mod_tbl_from_dev_slot_sslot(int32_t dev, int32_t slot, int32_t sslot,

@@ -109,10 +109,16 @@ int decode_dm_stattr_all_complete(const void *reply, void *)
 
 // ---- card-type static attributes ----
 
+// A port of a card type's static attributes, looked up by its panel port (by_lport) or by its
+// chip unit and port; the lookup fills the other side. By chip port, the nearest listed port at
+// or below it on the unit answers when the port itself is not listed: the lanes above a port
+// are those of its break-out members.
 struct StaticPort {
-    int32_t lport; // the panel port looked for
+    bool by_lport;
+    int32_t lport;
     int32_t unit;
     int32_t port;
+    int32_t listed_port; // the chip port that answered, -1 before any
 };
 
 int decode_static_port(const void *reply, void *out)
@@ -124,13 +130,26 @@ int decode_static_port(const void *reply, void *out)
         if (chip == nullptr) continue;
         for (size_t p = 0; p < chip->n_port_attr; ++p) {
             const PDev__DmPortAttrT *pa = chip->port_attr[p];
-            if (pa == nullptr || pa->lport != o->lport) continue;
-            o->unit = pa->unit;
-            o->port = pa->port;
-            return LIBPMX_OK;
+            if (pa == nullptr) continue;
+            if (o->by_lport) {
+                if (pa->lport != o->lport) continue;
+                o->unit = pa->unit;
+                o->port = pa->port;
+                o->listed_port = pa->port;
+                return LIBPMX_OK;
+            }
+            if (pa->unit != o->unit || pa->port > o->port || pa->port <= o->listed_port) continue;
+            o->lport = pa->lport;
+            o->listed_port = pa->port;
         }
     }
-    return LIBPMX_E_NOT_FOUND;
+    return o->listed_port >= 0 ? LIBPMX_OK : LIBPMX_E_NOT_FOUND;
+}
+
+int decode_sub_slot_num(const void *reply, void *out)
+{
+    *static_cast<int32_t *>(out) = rec<PDev__DmCardStattrT>(reply)->sub_slot_num;
+    return LIBPMX_OK;
 }
 
 int decode_power_supply(const void *reply, void *out)
@@ -216,6 +235,32 @@ int read_mod_tbl(const char *func, int32_t dev, int32_t slot, int32_t sslot, lib
     index.slotid = slot;
     index.sslotid = sslot;
     return read_record(func, Record::MOD_TBL, &index.base, decode, out, op);
+}
+
+// A modid looked for among the module tables, and the slot of the table that lists it.
+struct ModLocate {
+    uint32_t modid;
+    int32_t dev;
+    int32_t slot;
+    int32_t sslot;
+};
+
+int match_mod_tbl_modid(const void *reply, void *out)
+{
+    const auto *r = rec<UIntf__PmxModTbl>(reply);
+    auto *o = static_cast<ModLocate *>(out);
+    const uint32_t modid = o->modid;
+    bool listed = false;
+    for (size_t i = 0; i < r->n_id && !listed; ++i) listed = r->id[i] == modid;
+    for (size_t u = 0; u < r->n_fuid_info && !listed; ++u) {
+        const UIntf__PmxFuidInfo *f = r->fuid_info[u];
+        for (size_t j = 0; f != nullptr && j < f->n_id && !listed; ++j) listed = f->id[j] == modid;
+    }
+    if (!listed || r->index == nullptr) return LIBPMX_E_NOT_FOUND;
+    o->dev = r->index->devid;
+    o->slot = r->index->slotid;
+    o->sslot = r->index->sslotid;
+    return LIBPMX_OK;
 }
 
 // ---- local ports, units and back-plane ports ----
@@ -441,12 +486,31 @@ extern "C" int libpmx_get_static_port_from_dmcard_stattr(int32_t card_type, int3
                                                          int32_t *port)
 {
     PMX_REQUIRE_OUT(unit != nullptr && port != nullptr, "param is null, card_type:%d lport:%d", card_type, lport);
-    StaticPort sp{lport, 0, 0};
+    StaticPort sp{true, lport, 0, 0, -1};
     const int rc = read_card_stattr(__func__, card_type, decode_static_port, &sp);
     if (rc != LIBPMX_OK) return rc;
     *unit = sp.unit;
     *port = sp.port;
     return LIBPMX_OK;
+}
+
+extern "C" int libpmx_get_lport_from_dmcard_stattr(int32_t card_type, int32_t unit, int32_t port, int32_t *lport,
+                                                   int32_t *listed_port)
+{
+    PMX_REQUIRE_OUT(lport != nullptr && listed_port != nullptr, "param is null, card_type:%d unit:%d port:%d",
+                    card_type, unit, port);
+    StaticPort sp{false, 0, unit, port, -1};
+    const int rc = read_card_stattr(__func__, card_type, decode_static_port, &sp);
+    if (rc != LIBPMX_OK) return rc;
+    *lport = sp.lport;
+    *listed_port = sp.listed_port;
+    return LIBPMX_OK;
+}
+
+extern "C" int libpmx_get_sub_slot_num_from_dmcard_stattr(int32_t card_type, int32_t *num)
+{
+    PMX_REQUIRE_OUT(num != nullptr, "param is null, card_type:%d", card_type);
+    return read_card_stattr(__func__, card_type, decode_sub_slot_num, num);
 }
 
 extern "C" int libpmx_get_power_supply_from_dmcard_stattr(int32_t card_type, int32_t *power_supply)
@@ -499,10 +563,44 @@ extern "C" int libpmx_get_sub_route_info_from_db(uint32_t ifx, libpmx_sub_route_
     return rc;
 }
 
-extern "C" int libpmx_get_info_from_pmx_mod_tbl(int32_t dev, int32_t slot, int32_t sslot, libpmx_db_decode_fn decode,
-                                                void *out)
+extern "C" int libpmx_mod_tbl_decode(const void *reply, void *out)
 {
-    return read_mod_tbl(__func__, dev, slot, sslot, decode, out, LIBPMX_READ_WAIT);
+    if (reply == nullptr || out == nullptr) return LIBPMX_E_FAIL;
+    const auto *r = rec<UIntf__PmxModTbl>(reply);
+    auto *o = static_cast<libpmx_mod_tbl_info_t *>(out);
+    *o = libpmx_mod_tbl_info_t{};
+    if (r->index != nullptr) {
+        o->dev = r->index->devid;
+        o->slot = r->index->slotid;
+        o->sslot = r->index->sslotid;
+    }
+    o->tbl.status = static_cast<uint32_t>(r->status);
+    o->tbl.gslot = static_cast<uint32_t>(r->gslot);
+    o->tbl.card_type = static_cast<uint32_t>(r->card_type);
+    o->tbl.fuid_num = static_cast<uint32_t>(r->n_fuid_info);
+    for (size_t u = 0; u < r->n_fuid_info && u < LIBPMX_FUID_UNITS_PER_SLOT; ++u) {
+        const UIntf__PmxFuidInfo *f = r->fuid_info[u];
+        if (f == nullptr) continue;
+        libpmx_fuid_unit_t &e = o->tbl.fuid[u];
+        e.unit = static_cast<int8_t>(f->unit);
+        e.modid_type = static_cast<uint8_t>(f->fuid_type);
+        const size_t n = std::min<size_t>(f->n_id, LIBPMX_FUID_MODIDS_PER_UNIT);
+        e.idnum = static_cast<int8_t>(n);
+        for (size_t j = 0; j < n; ++j) e.modid[j] = f->id[j];
+    }
+    return LIBPMX_OK;
+}
+
+extern "C" int libpmx_get_info_from_pmx_mod_tbl(int32_t modid, libpmx_db_decode_fn decode, void *out)
+{
+    PMX_REQUIRE_OUT(decode != nullptr, "decode is null, modid:%d", modid);
+    ModLocate where{static_cast<uint32_t>(modid), 0, 0, 0};
+    const int rc = libpmx_scan_info_from_db(&u_intf__pmx_mod_tbl__descriptor, LIBPMX_DB_PMX, match_mod_tbl_modid, &where);
+    if (rc != LIBPMX_OK) {
+        PMX_WARN("no module table lists modid:%d, ret:%d", modid, rc);
+        return rc;
+    }
+    return read_mod_tbl(__func__, where.dev, where.slot, where.sslot, decode, out, LIBPMX_READ_WAIT);
 }
 
 // Waits, like the plain variant, until the slot's module ids are allocated.

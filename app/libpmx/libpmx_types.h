@@ -66,6 +66,33 @@ typedef struct libpmx_sub_route_info {
     uint32_t master_phyid;
 } libpmx_sub_route_info_t;
 
+/* Forwarding units of one card (cache family ce_pmx_fuid_info_per_slot; the shape of the
+ * module table of a slot as the library stores it). */
+#define LIBPMX_FUID_UNITS_PER_SLOT 8
+#define LIBPMX_FUID_MODIDS_PER_UNIT 16
+typedef struct libpmx_fuid_unit {
+    int8_t unit;       /* local unit number */
+    uint8_t modid_type;
+    int8_t idnum;      /* how many modids the unit has */
+    uint32_t modid[LIBPMX_FUID_MODIDS_PER_UNIT]; /* index: core */
+} libpmx_fuid_unit_t;
+typedef struct ce_pmx_fuid_info_per_slot {
+    uint32_t status;    /* 0 none, 1 chip ids allocated, 2 limit */
+    uint32_t gslot;     /* key */
+    uint32_t card_type;
+    uint32_t node_type;
+    uint32_t fuid_num;  /* unit entries in use */
+    libpmx_fuid_unit_t fuid[LIBPMX_FUID_UNITS_PER_SLOT];
+} ce_pmx_fuid_info_per_slot_t;
+
+/* A module table as read from the database: the slot it names and its per-slot record. */
+typedef struct libpmx_mod_tbl_info {
+    int32_t dev;
+    int32_t slot;
+    int32_t sslot;
+    ce_pmx_fuid_info_per_slot_t tbl;
+} libpmx_mod_tbl_info_t;
+
 LIBPMX_END_DECLS
 
 #endif /* LIBPMX_TYPES_H */

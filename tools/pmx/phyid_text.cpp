@@ -75,8 +75,9 @@ nlohmann::ordered_json phyid_json(uint32_t phyid)
 
 std::string describe_id(const std::string &query, uint32_t id)
 {
-    if (query == "ifx" || query == "sub-ap" || query == "sub-route") return phyid_json(id)["text"];
-    if (query == "cid" || query == "scid") return std::to_string(static_cast<int32_t>(id));
+    if (query == "ifx" || query == "ifx-block" || query == "sub-ap" || query == "sub-route")
+        return phyid_json(id)["text"];
+    if (query == "cid" || query == "scid" || query == "modid") return std::to_string(static_cast<int32_t>(id));
     return std::to_string(id);
 }
 
@@ -107,6 +108,14 @@ std::string result_text(int rc, const std::string &query, uint32_t id, int mode)
         why = "not a sub-route phyid: its type is " + std::to_string(type) + ", a sub-route phyid has type 19";
     else if (rc == LIBPMX_E_NOT_FOUND && query == "ifx" && id == 0)
         why = "phyid 0 is no port";
+    else if (rc == LIBPMX_E_NOT_FOUND && query == "ifx-block" && type != 7 && type != 25)
+        why = "the blocking lookup takes only global port ids (types 7 and 25), this one has type " +
+              std::to_string(type);
+    else if (rc == LIBPMX_E_FAIL && query == "ifx-block")
+        why = "the phyid's module and port name no present card whose cid is the phyid's cid field " +
+              std::to_string(id >> 19 & 31) + " (see the log)";
+    else if (rc == LIBPMX_E_INVAL && query == "modid")
+        why = "a module id is not negative";
     else if (rc == LIBPMX_E_FAIL && query == "cid" && static_cast<int32_t>(id) == -1)
         why = "card type -1 is no card type";
     else if (rc == LIBPMX_E_NOT_FOUND)

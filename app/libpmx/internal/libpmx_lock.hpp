@@ -21,6 +21,9 @@ enum class LockRank : uint8_t {
     IntfTable = 1,     // interface table and the card-id caches
     SubAp = 10,        // sub-AP cache (never held with the sub-route lock)
     SubRoute = 11,     // sub-route cache
+    ModTable = 20,     // chip-id resources and per-slot records
+    CardInfo = 21,     // card type of each dev/slot/sslot (never held with the module-table lock)
+    GlobalSport = 22,  // sub-slot and panel port of a card type's chip ports
     BlockRecords = 60, // block records of long database waits
 };
 

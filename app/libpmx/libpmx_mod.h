@@ -1,0 +1,156 @@
+/* Modules and chips: the module table (the chip-id resource of every modid and the per-slot
+ * record of every card's forwarding units), the card-info cache, and the questions built on
+ * them: where a modid sits, whether it or a card is local, which modid a unit and core have,
+ * what type a card is.
+ *
+ * Locks: the module-table lock guards the chip-id resources (chipid_res) and the per-slot
+ * records (ce_pmx_fuid_info_per_slot); the card-info lock guards libpmx_card_info. Lookups hold
+ * the read lock only around the cache access, changes the write lock; no lock is held across a
+ * database read. A chip-id resource whose valid field is 0 counts as absent everywhere.
+ *
+ * Read modes (mode): 0 answers from the caches only (-7 on a miss); any other value reads the
+ * database on a miss. A modid lookup that misses finds the module table that lists the modid
+ * (libpmx_get_info_from_pmx_mod_tbl), stores it as the change callbacks would
+ * (libpmx_add_mod_tbl), and looks again. */
+#ifndef LIBPMX_MOD_H
+#define LIBPMX_MOD_H
+
+#include <stdint.h>
+
+#include "libpmx_export.h"
+#include "libpmx_hash.h"
+#include "libpmx_types.h"
+
+LIBPMX_BEGIN_DECLS
+
+/* The module table takes gslots below this. */
+#define LIBPMX_GSLOT_MAX 512
+/* The modid that the system reserves as invalid. */
+#define LIBPMX_SYSTEM_INVALID_MODID 17
+/* Status of a per-slot record. */
+#define LIBPMX_MOD_TBL_NONE 0  /* retrieve: the slot's modids are taken back */
+#define LIBPMX_MOD_TBL_ALLOC 1 /* the slot's modids are allocated */
+#define LIBPMX_MOD_TBL_LIMIT 2 /* no modid left for the slot */
+/* Base of every node id (card address). */
+#define LIBPMX_NODE_BASE 0x0C000000
+
+/* At load: the debug commands of this subsystem; a later call does nothing. Always 0. */
+LIBPMX_API int libpmx_mod_init(void);
+
+/* ---- slot arithmetic ---- */
+
+/* (sslot & 31) << 10 | (dev - 1) << 5 | (slot & 31), the dev part left out when dev is outside
+ * 1..16 (so dev 0 and dev 17 share dev 1's gslots). */
+LIBPMX_API int32_t libpmx_get_gslot_by_dev_slot_sslot(int32_t dev, int32_t slot, int32_t sslot);
+/* dev = ((gslot >> 5) & 31) + 1, slot = gslot & 31, sslot = (gslot >> 10) & 31; null outputs
+ * are skipped. */
+LIBPMX_API void libpmx_get_dev_slot_sslot_by_gslot(int32_t gslot, int32_t *dev, int32_t *slot, int32_t *sslot);
+/* 0x0C000000 | dev << 18 | slot << 8. */
+LIBPMX_API int32_t libpmx_get_node_by_dev_slot(int32_t dev, int32_t slot);
+/* 0x0C000000 | (gslot & 31) << 8 | ((gslot >> 10) & 31) << 15 | (((gslot >> 5) & 31) + 1) << 18. */
+LIBPMX_API int32_t libpmx_get_node_by_gslot(int32_t gslot);
+/* The gslot of a node: its low 26 bits give dev (bits 18-25), sslot (15-17), slot (8-12). */
+LIBPMX_API int32_t libpmx_get_gslot_by_node(int32_t node);
+
+/* ---- the module table: change entry points ---- */
+
+/* Applies the module table of dev/slot/sslot (write lock across the whole of it). Status 1
+ * (alloc): every modid of the first fuid_num unit entries (at most 8, at most 16 ids each)
+ * gets its chip-id resource {modid, gslot, unit, valid 1, coreid = its index, type = the
+ * entry's modid type}, replacing an earlier one, and the record is stored as the slot's
+ * per-slot record. Status 0 (retrieve): every resource of the stored record's modids is zeroed
+ * but for its modid; the record stays. 0; -4 another status, or alloc with fuid_num 0; -11 a
+ * null record or a gslot of 512 or more; -2 the per-slot record could not be stored. A modid
+ * whose resource cannot be stored is logged and skipped. */
+LIBPMX_API int libpmx_add_mod_tbl(int32_t dev, int32_t slot, int32_t sslot, const ce_pmx_fuid_info_per_slot_t *tbl);
+/* True when status is 1 (alloc). */
+LIBPMX_API int libpmx_check_mod_tbl_valid(uint32_t status);
+
+/* ---- the card-info cache (card-info lock): change entry points ---- */
+
+/* Stores (or refreshes) the card type of info's dev/slot/sslot: 0, or -11. */
+LIBPMX_API int libpmx_cache_set_card_info(const libpmx_card_info_t *info);
+/* Removes the entry of info's dev/slot/sslot: 0, or -11 when absent or info is null. */
+LIBPMX_API int libpmx_cache_del_card_info(const libpmx_card_info_t *info);
+
+/* ---- lookups ---- */
+
+/* The modid type of a valid chip-id resource: 0; -7 unknown or not valid; -11 null out. */
+LIBPMX_API int libpmx_get_modid_type_from_cache(int32_t modid, int32_t *type);
+
+/* dev, slot and unit of a modid's chip: 0; -4 null output or negative modid; -7 not allocated
+ * (mode 0) or listed by no module table; the database read's code. */
+LIBPMX_API int libpmx_get_dev_slot_unit_by_modid_detail(int32_t modid, int32_t *dev, int32_t *slot, int32_t *unit,
+                                                        int mode);
+LIBPMX_API int libpmx_get_dev_slot_unit_by_modid(int32_t modid, int32_t *dev, int32_t *slot, int32_t *unit);
+LIBPMX_API int libpmx_get_dev_slot_unit_by_modid_ext(int32_t modid, int32_t *dev, int32_t *slot, int32_t *unit);
+
+/* True when gslot is this card's (from libpmx_get_my_node(1)); false when the node is unknown. */
+LIBPMX_API int libpmx_is_local_card(int32_t gslot);
+/* True when the modid's chip is on this card. */
+LIBPMX_API int libpmx_is_local_modid_detail(int32_t modid, int mode);
+LIBPMX_API int libpmx_is_local_modid(int32_t modid);
+LIBPMX_API int libpmx_is_local_modid_ext(int32_t modid);
+
+/* Node id and unit of a modid's chip: 0; -4 null output; -7 as above; the read's code. */
+LIBPMX_API int libpmx_get_node_unit_from_modid_detail(int32_t modid, int32_t *node, int32_t *unit, int mode);
+LIBPMX_API int libpmx_get_node_unit_from_modid(int32_t modid, int32_t *node, int32_t *unit);
+LIBPMX_API int libpmx_get_node_unit_from_modid_ext(int32_t modid, int32_t *node, int32_t *unit);
+
+/* The modid of core `core` of unit `unit` of the card in dev/slot, from its per-slot record
+ * (cache only): 0; -4 dev outside 1..16, slot outside 0..31, null output, unit not below
+ * fuid_num, core outside 0..15, or no entry of the unit; -7 no record or not allocated; -11 a
+ * node whose gslot is 512 or more. */
+LIBPMX_API int libpmx_get_modid_by_dev_slot_unit_core(int32_t *modid, int32_t dev, int32_t slot, int32_t unit,
+                                                      int32_t core);
+LIBPMX_API int libpmx_get_chip_by_dev_slot_unit(int32_t *modid, int32_t dev, int32_t slot, int32_t unit);
+/* The modid of core 0 of a unit of this card (the node read with mode): as above, or -11 when
+ * this card's node is unknown. */
+LIBPMX_API int libpmx_get_first_modid_by_unit(int32_t unit, int32_t *modid, int mode);
+/* The modid of unit 0 core 0 of a node, and its cpu port (always 0). */
+LIBPMX_API int libpmx_get_mod_port_by_node(int32_t node, int32_t *modid, int32_t *cpu_port);
+
+/* The modid of a unit and core of this card: 0; -4 null output, negative core or unit above
+ * 2^31 - 1; -7 not in the cache (mode 0) nor in this card's allocated module table; the read's
+ * code. A miss with another mode reads this card's module table once it is allocated. */
+LIBPMX_API int libpmx_get_lmodid_by_unit_core_detail(uint32_t unit, int32_t core, int32_t *modid, int mode);
+LIBPMX_API int libpmx_get_lmodid_by_unit_core(uint32_t unit, int32_t core, int32_t *modid);
+LIBPMX_API int libpmx_get_lmodid_by_unit_core_ext(uint32_t unit, int32_t core, int32_t *modid);
+LIBPMX_API int libpmx_get_chip_by_unit(uint32_t unit, int32_t *modid);
+LIBPMX_API int libpmx_get_chip_by_unit_ext(uint32_t unit, int32_t *modid);
+
+/* The local unit of a modid of this card: 0; -4 null output or negative modid; -7 not local or
+ * not allocated; the read's code. */
+LIBPMX_API int libpmx_get_unit_by_chip_detail(int32_t modid, int32_t *unit, int mode);
+LIBPMX_API int libpmx_get_unit_by_chip(int32_t modid, int32_t *unit);
+LIBPMX_API int libpmx_get_unit_by_chip_ext(int32_t modid, int32_t *unit);
+
+/* The card type of dev/slot from its per-slot record, else (mode not 0) from its card record:
+ * 0; -11 null output; -7 not cached with mode 0; the read's code. */
+LIBPMX_API int libpmx_get_card_type_by_dev_slot(int32_t dev, int32_t slot, int32_t *card_type, int mode);
+/* The card type and subcard type of the card that owns a modid's port: the card type of the
+ * modid's slot; the subcard type is 0 when the subcard-id capability is off or the port is on the
+ * card itself (sub-slot 0), else the card type of the sub-slot that holds the port
+ * (libpmx_get_global_sport_info), from the database or, failing that, the card-info cache. Mode
+ * 2 lets a modid miss read the module tables. 0; -11 null output, unknown modid, no sub-slot,
+ * no subcard type; the codes of the card-type and sub-slot lookups. */
+LIBPMX_API int libpmx_get_card_type_by_modid_port(int32_t modid, int32_t port, int32_t *card_type,
+                                                  int32_t *subcard_type, int mode);
+
+/* 17. */
+LIBPMX_API int32_t libpmx_get_system_invalid_modid(void);
+
+/* ---- dumps (standard output, or the attached debug session) ---- */
+
+/* Chip-id resources in modid order; modid 0 for all. */
+LIBPMX_API void libpmx_dump_chipid_res(int32_t modid);
+/* Per-slot records in gslot order; gslot 0 for all. */
+LIBPMX_API void libpmx_dump_chipslot(int32_t gslot);
+/* The modids of this card's per-slot record. */
+LIBPMX_API void libpmx_dump_local_modid(void);
+/* Card-info entries in dev, slot, sslot order. */
+LIBPMX_API void libpmx_dbg_dump_card_info(void);
+
+LIBPMX_END_DECLS
+
+#endif /* LIBPMX_MOD_H */
