@@ -12,6 +12,7 @@
 #include "libpmx_cap.h"
 #include "libpmx_dbg.h"
 #include "libpmx_mod.h"
+#include "libpmx_split.h"
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
 #include "libpmx_mom.h"
@@ -34,8 +35,9 @@ extern "C" __attribute__((constructor)) void libpmx_initial(void)
         PMX_ERROR("libpmx_intf_init, ret: %d", rc);
         std::exit(-1);
     }
-    // The module subsystem's debug commands, so that dumps work before start-up too.
+    // The debug commands of the module and split subsystems, so that dumps work before start-up too.
     libpmx_mod_init();
+    libpmx_split_init();
 }
 
 // Caches, timers and the database handle are left to the end of the process.

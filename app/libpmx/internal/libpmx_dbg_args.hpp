@@ -37,6 +37,14 @@ public:
     // Empty when every word was understood, else what was wrong (with the word).
     const std::string &error() const { return error_; }
 
+    // Whether name was given.
+    bool has(std::string_view name) const
+    {
+        for (const auto &[n, v] : values_)
+            if (n == name) return true;
+        return false;
+    }
+
     // The value of name, or fallback when it was not given.
     int64_t get(std::string_view name, int64_t fallback) const
     {
