@@ -3,6 +3,7 @@
 // card before it waits, the dumps and the messages of bad input.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -239,6 +240,62 @@ TEST(ModTable, DumpsAndCardInfo)
     EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "libpmx_cache_del_card_info fail"));
     EXPECT_EQ(libpmx_cache_set_card_info(nullptr), LIBPMX_E_FAIL);
     EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "libpmx_cache_set_card_info fail"));
+}
+
+TEST(ModTable, ModuleIdCapabilities)
+{
+    ASSERT_EQ(libpmx_cap_init(nullptr, "test_mod_table"), 0);
+    int32_t min = -1, max = -1, per_slot = -1, num = -1;
+    ASSERT_EQ(libpmx_cap_get_modid_info(12, &min, &max, &per_slot), 0);
+    EXPECT_EQ(std::make_tuple(min, max, per_slot), std::make_tuple(0, 511, 8));
+    EXPECT_EQ(libpmx_cap_get_modid_info(99, &min, &max, &per_slot), LIBPMX_E_NOT_FOUND);
+    EXPECT_EQ(min, 0) << "outputs written only on success";
+    EXPECT_EQ(libpmx_cap_get_modid_info(12, nullptr, &max, &per_slot), LIBPMX_E_FAIL);
+    EXPECT_EQ(libpmx_cap_get_cap_of_node(3, &num), 0);
+    EXPECT_EQ(num, 4);
+    EXPECT_EQ(libpmx_cap_get_cap_of_node(42, &num), LIBPMX_E_NOT_FOUND);
+    EXPECT_EQ(libpmx_cap_get_lc_slots_num(), 21);
+
+    EXPECT_TRUE(libpmx_cap_is_invalid_modid(17)) << "from the capability data";
+    EXPECT_FALSE(libpmx_cap_is_invalid_modid(10));
+    ASSERT_EQ(libpmx_cap_add_invalid_modid(10), 0);
+    ASSERT_EQ(libpmx_cap_add_invalid_modid(11), 0);
+    ASSERT_EQ(libpmx_cap_add_invalid_modid(11), 0) << "twice is once";
+    EXPECT_EQ(libpmx_cap_count_invalid_modid(0, 12), 2u);
+    EXPECT_EQ(libpmx_cap_count_invalid_modid(11, 17), 2u) << "both ends included";
+    EXPECT_EQ(libpmx_cap_count_invalid_modid(18, 100), 0u);
+    testing::internal::CaptureStdout();
+    libpmx_dump_cap();
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("lc-slots-num      : 21\ninvalid-modids    : 10 11 17 (3)\n"), std::string::npos) << out;
+}
+
+TEST(ModTable, TheForwardingUnitWalkSeesCopiesInGslotOrder)
+{
+    ASSERT_EQ(add(2, 1, 0, table(1, 12, {{0, 0, {120}}})), 0);
+    ASSERT_EQ(add(1, 7, 0, table(1, 12, {{0, 0, {121}}})), 0);
+    std::vector<uint32_t> seen;
+    ASSERT_EQ(libpmx_fuid_info_for_each(
+                  [](void *entry, void *arg) {
+                      auto *r = static_cast<ce_pmx_fuid_info_per_slot_t *>(entry);
+                      static_cast<std::vector<uint32_t> *>(arg)->push_back(r->gslot);
+                      // The lock is not held: a lookup from the walk is fine.
+                      int32_t dev = 0, slot = 0, unit = 0;
+                      const bool ours = r->gslot == 33 || r->gslot == 7;
+                      return !ours || libpmx_get_dev_slot_unit_by_modid_ext(static_cast<int32_t>(r->fuid[0].modid[0]),
+                                                                            &dev, &slot, &unit) == 0
+                                 ? 0
+                                 : 1;
+                  },
+                  &seen),
+              0);
+    ASSERT_GE(seen.size(), 2u);
+    EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+    ce_pmx_fuid_info_per_slot_t copy{};
+    EXPECT_EQ(libpmx_get_fuid_info_by_gslot(33, &copy), 0);
+    EXPECT_EQ(copy.fuid[0].modid[0], 120u);
+    EXPECT_EQ(libpmx_get_fuid_info_by_gslot(34, &copy), LIBPMX_E_NOT_FOUND);
+    EXPECT_EQ(libpmx_fuid_info_for_each(nullptr, nullptr), LIBPMX_E_FAIL);
 }
 
 // A module table and a physical-port record in the store.

@@ -8,8 +8,16 @@
 #include <atomic>
 #include <cstdio>
 
+#include <algorithm>
+#include <vector>
+
+#include "libpmx_dbg.h"
+#include "libpmx_dbg_args.hpp"
 #include "libpmx_errno.h"
+#include "libpmx_hash.h"
+#include "libpmx_lock.hpp"
 #include "qv_cap.h"
+#include "ssat.h"
 
 namespace
 {
@@ -19,6 +27,46 @@ std::atomic<int32_t> g_block_times{LIBPMX_DEFAULT_BLOCK_TIMES};
 std::atomic<uint8_t> g_subcard_id_enable{0};
 // The capability data of the process, loaded once at start-up and read-only from then on.
 std::atomic<libqv_cap_ctrl_info_t *> g_cap_info{nullptr};
+// Invalid-modid lock: the libpmx_invalid_modid set.
+pmx::RwLock g_invalid_lock{"invalid-modid lock", pmx::LockRank::InvalidModid};
+
+// An integer of the capability data: LIBPMX_OK, -11 without data, -7 without that value.
+int cap_int(const char *name, int32_t *out)
+{
+    const libqv_cap_ctrl_info_t *info = g_cap_info.load(std::memory_order_acquire);
+    if (info == nullptr) return LIBPMX_E_FAIL;
+    return libqv_cap_get_capacity_int32(info, name, out) == LIBQV_CAP_OK ? LIBPMX_OK : LIBPMX_E_NOT_FOUND;
+}
+
+void load_invalid_modids(const libqv_cap_ctrl_info_t *info)
+{
+    for (int i = 0;; ++i) {
+        char name[48];
+        std::snprintf(name, sizeof name, "invalid-modids/%d", i);
+        int32_t modid = 0;
+        if (libqv_cap_get_capacity_int32(info, name, &modid) != LIBQV_CAP_OK) break;
+        libpmx_cap_add_invalid_modid(modid);
+    }
+}
+
+int collect_modid(void *entry, void *arg)
+{
+    static_cast<std::vector<int32_t> *>(arg)->push_back(
+        static_cast<int32_t>(static_cast<const libpmx_invalid_modid_t *>(entry)->modid));
+    return 0;
+}
+
+int cmd_dump_cap(const char *args)
+{
+    pmx::DbgArgs a(args, {});
+    if (!a.error().empty()) return pmx::dbg_usage("dump_cap", "", a.error());
+    libpmx_dump_cap();
+    return LIBPMX_OK;
+}
+
+const libpmx_dbg_cmd_t kCommands[] = {
+    {"dump_cap", "  the capability values in use (block times, subcard ids, slots, invalid modids)", cmd_dump_cap},
+};
 
 } // namespace
 
@@ -26,6 +74,7 @@ extern "C" int libpmx_cap_pre_init(void)
 {
     g_block_times.store(LIBPMX_DEFAULT_BLOCK_TIMES, std::memory_order_relaxed);
     g_subcard_id_enable.store(0, std::memory_order_relaxed);
+    libpmx_dbg_add_cmds(kCommands, sizeof kCommands / sizeof kCommands[0]); // logs its own failure
     return LIBPMX_OK;
 }
 
@@ -56,6 +105,7 @@ extern "C" int libpmx_cap_init(void *glb, const char *app_name)
     else
         PMX_INFO("no subcard-id/enable in %s (%d), keep %u", libqv_cap_ctrl_info_path(info), rc,
                  static_cast<unsigned>(libpmx_cap_get_subcard_id_enable()));
+    load_invalid_modids(info);
     return LIBPMX_OK;
 }
 
@@ -103,4 +153,106 @@ extern "C" int libpmx_get_scid_by_subcard_type(int32_t subcard_type, int32_t *sc
     }
     *scid = v;
     return LIBPMX_OK;
+}
+
+extern "C" int libpmx_cap_get_modid_info(int32_t card_type, int32_t *min, int32_t *max, int32_t *num_per_slot)
+{
+    if (min == nullptr || max == nullptr || num_per_slot == nullptr) {
+        PMX_ERROR("param is null, card_type:%d", card_type);
+        return LIBPMX_E_FAIL;
+    }
+    int32_t v[3] = {0, 0, 0};
+    const char *const fields[3] = {"min", "max", "num-per-slot"};
+    for (int i = 0; i < 3; ++i) {
+        char name[64];
+        std::snprintf(name, sizeof name, "modid-info/%d/%s", card_type, fields[i]);
+        const int rc = cap_int(name, &v[i]);
+        if (rc != LIBPMX_OK) {
+            PMX_WARN("no %s in the capability data, ret:%d", name, rc);
+            return rc;
+        }
+    }
+    *min = v[0];
+    *max = v[1];
+    *num_per_slot = v[2];
+    return LIBPMX_OK;
+}
+
+extern "C" int libpmx_cap_get_cap_of_node(int32_t node_type, int32_t *num)
+{
+    if (num == nullptr) {
+        PMX_ERROR("param is null, node_type:%d", node_type);
+        return LIBPMX_E_FAIL;
+    }
+    char name[48];
+    std::snprintf(name, sizeof name, "node-type-cap-id-num/%d", node_type);
+    const int rc = cap_int(name, num);
+    if (rc != LIBPMX_OK) PMX_WARN("no %s in the capability data, ret:%d", name, rc);
+    return rc;
+}
+
+extern "C" int32_t libpmx_cap_get_lc_slots_num(void)
+{
+    int32_t n = 0;
+    return cap_int("lc-slots-num", &n) == LIBPMX_OK ? n : 0;
+}
+
+extern "C" int libpmx_cap_add_invalid_modid(int32_t modid)
+{
+    pmx::Guard g(g_invalid_lock, pmx::Access::Write);
+    const libpmx_invalid_modid_t rec{static_cast<uint32_t>(modid)};
+    if (libpmx_invalid_modid_get(modid) == nullptr && libpmx_invalid_modid_create(&rec) == nullptr)
+        return LIBPMX_E_NOMEM; // the create logged it
+    return LIBPMX_OK;
+}
+
+extern "C" int libpmx_cap_is_invalid_modid(int32_t modid)
+{
+    pmx::Guard g(g_invalid_lock, pmx::Access::Read);
+    return libpmx_invalid_modid_get(modid) != nullptr;
+}
+
+namespace
+{
+
+struct Range {
+    int32_t low;
+    int32_t high;
+    uint32_t n;
+};
+
+int count_in_range(void *entry, void *arg)
+{
+    auto *r = static_cast<Range *>(arg);
+    const auto modid = static_cast<int32_t>(static_cast<const libpmx_invalid_modid_t *>(entry)->modid);
+    if (modid >= r->low && modid <= r->high) ++r->n;
+    return 0;
+}
+
+} // namespace
+
+extern "C" uint32_t libpmx_cap_count_invalid_modid(int32_t low, int32_t high)
+{
+    Range r{low, high, 0};
+    pmx::Guard g(g_invalid_lock, pmx::Access::Read);
+    libpmx_invalid_modid_entry_each_item_op(count_in_range, &r, 0);
+    return r.n;
+}
+
+extern "C" void libpmx_dump_cap(void)
+{
+    const libqv_cap_ctrl_info_t *info = g_cap_info.load(std::memory_order_acquire);
+    ssat_printf("capability data   : %s\n", info != nullptr ? libqv_cap_ctrl_info_path(info) : "(not loaded)");
+    ssat_printf("max-block-times   : %d\n", libpmx_cap_get_block_times());
+    ssat_printf("subcard-id/enable : %u\n", static_cast<unsigned>(libpmx_cap_get_subcard_id_enable()));
+    ssat_printf("lc-slots-num      : %d\n", libpmx_cap_get_lc_slots_num());
+    std::vector<int32_t> ids;
+    {
+        pmx::Guard g(g_invalid_lock, pmx::Access::Read);
+        libpmx_invalid_modid_entry_each_item_op(collect_modid, &ids, 0);
+    }
+    std::sort(ids.begin(), ids.end());
+    ssat_printf("invalid-modids    :");
+    for (int32_t id : ids) ssat_printf(" %d", id);
+    ssat_printf(" (%zu)\n", ids.size());
 }

@@ -33,6 +33,30 @@ LIBPMX_API void libpmx_cap_set_subcard_id_enable(uint8_t enable);
  * out or no capability data loaded; -7 no scid for that type. */
 LIBPMX_API int libpmx_get_scid_by_subcard_type(int32_t subcard_type, int32_t *scid);
 
+/* ---- module ids ---- */
+
+/* The module-id range of a card type ("modid-info/<type>/min", "/max", "/num-per-slot": the
+ * first id of the range, its last, and the ids reserved per slot position): 0; -11 null output or
+ * no capability data loaded; -7 the type has no complete entry. Outputs written only on success. */
+LIBPMX_API int libpmx_cap_get_modid_info(int32_t card_type, int32_t *min, int32_t *max, int32_t *num_per_slot);
+/* The number of module ids a card of a node type takes ("node-type-cap-id-num/<node type>"):
+ * 0, -11, -7 as above. */
+LIBPMX_API int libpmx_cap_get_cap_of_node(int32_t node_type, int32_t *num);
+/* The line-card slots of one device ("lc-slots-num"); 0 when the capability data has none. */
+LIBPMX_API int32_t libpmx_cap_get_lc_slots_num(void);
+
+/* The module ids that the system declares invalid ("invalid-modids", an array), kept in
+ * libpmx_invalid_modid under the invalid-modid lock: filled at start-up; the add is for the
+ * tools and the tests. 0, or -2 when the entry cannot be stored. */
+LIBPMX_API int libpmx_cap_add_invalid_modid(int32_t modid);
+/* 1 when modid is declared invalid. */
+LIBPMX_API int libpmx_cap_is_invalid_modid(int32_t modid);
+/* How many invalid module ids lie in low..high, both ends included (one hold of the read lock). */
+LIBPMX_API uint32_t libpmx_cap_count_invalid_modid(int32_t low, int32_t high);
+
+/* Every capability value the library uses, as it stands (debug command dump_cap). */
+LIBPMX_API void libpmx_dump_cap(void);
+
 LIBPMX_END_DECLS
 
 #endif /* LIBPMX_CAP_H */

@@ -7,6 +7,8 @@
 #include "libpmx_mod.h"
 
 #include <algorithm>
+#include <new>
+#include <vector>
 
 #include "libpmx_cap.h"
 #include "libpmx_dbg.h"
@@ -712,6 +714,49 @@ extern "C" int libpmx_get_card_type_by_modid_port(int32_t modid, int32_t port, i
     }
     *card_type = ct;
     *subcard_type = sct;
+    return LIBPMX_OK;
+}
+
+// ---- forwarding units ----
+
+extern "C" int libpmx_get_fuid_info_by_gslot(int32_t gslot, ce_pmx_fuid_info_per_slot_t *out)
+{
+    if (out == nullptr) {
+        PMX_ERROR("out is null, gslot:0x%x", gslot);
+        return LIBPMX_E_FAIL;
+    }
+    Guard g(g_mod_lock, Access::Read);
+    const ce_pmx_fuid_info_per_slot_t *r = libpmx_ce_pmx_fuid_info_per_slot_get(gslot);
+    if (r == nullptr) return LIBPMX_E_NOT_FOUND;
+    *out = *r;
+    return LIBPMX_OK;
+}
+
+extern "C" int libpmx_fuid_info_for_each(libpmx_hash_op_t op, void *arg)
+{
+    if (op == nullptr) {
+        PMX_ERROR("each_op is null");
+        return LIBPMX_E_FAIL;
+    }
+    std::vector<ce_pmx_fuid_info_per_slot_t> copies;
+    try {
+        Guard g(g_mod_lock, Access::Read);
+        copies.reserve(ce_pmx_fuid_info_per_slot_hash_size());
+        libpmx_ce_pmx_fuid_info_per_slot_entry_each_item_op(
+            [](void *entry, void *v) {
+                static_cast<std::vector<ce_pmx_fuid_info_per_slot_t> *>(v)->push_back(
+                    *static_cast<ce_pmx_fuid_info_per_slot_t *>(entry));
+                return 0;
+            },
+            &copies, 1);
+    } catch (const std::bad_alloc &) {
+        PMX_ERROR("NO MEMORY!!! for the copies of %u per-slot records", ce_pmx_fuid_info_per_slot_hash_size());
+        return LIBPMX_E_NOMEM;
+    }
+    for (ce_pmx_fuid_info_per_slot_t &r : copies) {
+        const int rc = op(&r, arg);
+        if (rc != 0) return rc;
+    }
     return LIBPMX_OK;
 }
 

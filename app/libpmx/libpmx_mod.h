@@ -137,6 +137,15 @@ LIBPMX_API int libpmx_get_card_type_by_dev_slot(int32_t dev, int32_t slot, int32
 LIBPMX_API int libpmx_get_card_type_by_modid_port(int32_t modid, int32_t port, int32_t *card_type,
                                                   int32_t *subcard_type, int mode);
 
+/* ---- forwarding units ---- */
+
+/* A copy of the per-slot record of gslot: 0; -11 null out; -7 none. */
+LIBPMX_API int libpmx_get_fuid_info_by_gslot(int32_t gslot, ce_pmx_fuid_info_per_slot_t *out);
+/* Calls op with a copy of every per-slot record, in gslot order (signed), the module-table lock
+ * released: op may call any lookup. A non-zero result of op stops the walk and is returned; 0
+ * after the last record, -11 for a null op, -2 without memory for the copies. */
+LIBPMX_API int libpmx_fuid_info_for_each(libpmx_hash_op_t op, void *arg);
+
 /* 17. */
 LIBPMX_API int32_t libpmx_get_system_invalid_modid(void);
 

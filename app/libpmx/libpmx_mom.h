@@ -182,6 +182,11 @@ LIBPMX_API int libpmx_get_info_from_lport(int32_t lport, int32_t *unit, int32_t 
  * (database 1, plain); -7 when the port has no panel port. */
 LIBPMX_API int libpmx_get_info_from_unit_port(int32_t unit, int32_t cport, int32_t *lport);
 LIBPMX_API int libpmx_get_unit_type_from_unit_port(int32_t unit, int32_t cport, int32_t *unit_type);
+/* The record of a local chip port (database 1, plain), decoded into a libpmx_port_info_t (lport
+ * -1 when the record has no static attributes). */
+LIBPMX_API int libpmx_get_port_info_from_unit_port(int32_t unit, int32_t cport, libpmx_port_info_t *info);
+/* Decoder of a p_dev.unit_cport_info record into a libpmx_port_info_t; 0 or -11. */
+LIBPMX_API int libpmx_unit_cport_info_decode(const void *reply, void *out);
 /* Unit and port behind a back-plane panel port, and the back-plane port range (database 0,
  * plain). */
 LIBPMX_API int libpmx_get_info_from_ixnlporttoupt(uint32_t lport, uint32_t *unit, uint32_t *port);

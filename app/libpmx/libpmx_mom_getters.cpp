@@ -639,7 +639,7 @@ extern "C" int libpmx_get_info_from_lport(int32_t lport, int32_t *unit, int32_t 
 namespace
 {
 
-int read_unit_cport(const char *func, int32_t unit, int32_t cport, libpmx_db_decode_fn decode, int32_t *out)
+int read_unit_cport(const char *func, int32_t unit, int32_t cport, libpmx_db_decode_fn decode, void *out)
 {
     PDev__UnitCportIndex index = P_DEV__UNIT_CPORT_INDEX__INIT;
     index.unit = unit;
@@ -653,6 +653,32 @@ extern "C" int libpmx_get_info_from_unit_port(int32_t unit, int32_t cport, int32
 {
     PMX_REQUIRE_OUT(lport != nullptr, "param is null, unit:%d cport:%d", unit, cport);
     return read_unit_cport(__func__, unit, cport, decode_unit_port_lport, lport);
+}
+
+extern "C" int libpmx_unit_cport_info_decode(const void *reply, void *out)
+{
+    if (reply == nullptr || out == nullptr) return LIBPMX_E_FAIL;
+    const auto *r = rec<PDev__UnitCportInfo>(reply);
+    auto *o = static_cast<libpmx_port_info_t *>(out);
+    o->unit = r->index != nullptr ? r->index->unit : 0;
+    o->port = r->index != nullptr ? r->index->cport : 0;
+    o->lport = r->static_info != nullptr ? r->static_info->lport : -1;
+    o->core = r->static_info != nullptr ? r->static_info->coreid : 0;
+    o->unit_type = r->static_info != nullptr ? static_cast<int32_t>(r->static_info->unit_virtual_type) : 0;
+    o->card_type = r->owner_card_type;
+    return LIBPMX_OK;
+}
+
+extern "C" int libpmx_get_port_info_from_unit_port(int32_t unit, int32_t cport, libpmx_port_info_t *info)
+{
+    PMX_REQUIRE_OUT(info != nullptr, "param is null, unit:%d cport:%d", unit, cport);
+    libpmx_port_info_t got{};
+    const int rc = read_unit_cport(__func__, unit, cport, libpmx_unit_cport_info_decode, &got);
+    if (rc != LIBPMX_OK) return rc;
+    got.unit = unit; // the key asked for: a record without its index still names this port
+    got.port = cport;
+    *info = got;
+    return LIBPMX_OK;
 }
 
 extern "C" int libpmx_get_unit_type_from_unit_port(int32_t unit, int32_t cport, int32_t *unit_type)

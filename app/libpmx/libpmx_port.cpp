@@ -171,7 +171,7 @@ extern "C" int libpmx_port_init(void)
     store(g_stattr.virtual_unit_num, kUnknown);
     store(g_local_card_complete, 0);
     store(g_lc_complete, 0);
-    return LIBPMX_OK;
+    return libpmx_port_table_init();
 }
 
 extern "C" int libpmx_online_port_array_init(void)

@@ -28,6 +28,9 @@ enum {
     LIBPMX_MY_INFO_NUM = 6,
 };
 
+/* Node type of a subcard (p_dev DM_TYPE_SUB_LC): every port of such a card is a subcard port. */
+#define LIBPMX_NODE_TYPE_SUB_LC 4
+
 /* Kinds of libpmx_get_card_stattr_info. */
 enum {
     LIBPMX_STATTR_MAX_LPORT = 0,
@@ -37,8 +40,8 @@ enum {
     LIBPMX_STATTR_INTRABAND_CHIP_NUM = 4,
 };
 
-/* At load: attributes unknown, card-complete flags of the port state cleared. The identity
- * is left as it is (unknown at load). Always 0. */
+/* At load: attributes unknown, card-complete flags of the port state cleared, the local port
+ * table empty. The identity is left as it is (unknown at load). Always 0. */
 LIBPMX_API int libpmx_port_init(void);
 /* At start-up: every panel port offline; 0. */
 LIBPMX_API int libpmx_online_port_array_init(void);
@@ -108,6 +111,73 @@ LIBPMX_API int libpmx_port_get_lc_modid_alloc_mode(uint32_t *mode4);
 LIBPMX_API int libpmx_get_card_stattr_info(const uint32_t *unit, void *dst, int32_t kind);
 /* The process-wide attribute record, as cached (a copy). */
 LIBPMX_API void libpmx_get_card_statt(libpmx_card_stattr_t *out);
+
+/* ======================== The local port table ========================
+ * The chip ports of the local card (p_dev.unit_cport_info, one record per unit and chip port):
+ * libpmx_port_cache maps unit+port to the panel port, and an entry per panel port keeps the
+ * port's record; the panel-port count and the online ports come from p_dev.local_port_info,
+ * the back-plane ports from the s_cluster records. Under the port-table lock (rank after the
+ * split locks); no lock is held across a database read. mode: 0 the table only (-7 on a miss);
+ * another mode reads the port's record once on a miss and keeps it. */
+
+/* Empties the table (panel-port count and back-plane range unknown) and registers its debug
+ * command; called by libpmx_port_init. Always 0. */
+LIBPMX_API int libpmx_port_table_init(void);
+
+/* ---- change entry points (the database callbacks) ---- */
+
+/* Stores (or refreshes) a port: 0; -11 null; -4 a panel port outside the table. A port without
+ * a panel port (lport -1) is kept by unit+port only. */
+LIBPMX_API int libpmx_port_set_unit_port(const libpmx_port_info_t *info);
+/* Forgets a port: 0, or -7 when it was not there. */
+LIBPMX_API int libpmx_port_del_unit_port(int32_t unit, int32_t port);
+/* The panel-port count and the online panel ports (every other port offline): 0, -11 null. */
+LIBPMX_API int libpmx_port_set_local_port_info(int32_t lport_num, const int32_t *online, uint32_t n);
+/* The back-plane panel-port range, and one back-plane port's unit and port (is_add 0 forgets it). */
+LIBPMX_API void libpmx_port_set_bp_range(uint32_t lport_base, uint32_t lport_num);
+LIBPMX_API int libpmx_port_set_bp_lport(uint32_t lport, uint32_t unit, uint32_t port, int is_add);
+
+/* ---- lookups ---- */
+
+/* The record of a chip port, from the table only: 0, -11 null out, -7 not there. */
+LIBPMX_API int libpmx_port_portinfo_by_unit_port(int32_t unit, int32_t port, libpmx_port_info_t *out);
+/* The panel port of a chip port: 0; -11 null out; -7 not a port of this card, or a port without
+ * a panel port; the read's code. */
+LIBPMX_API int libpmx_get_lport_by_unit_port_detail(int32_t unit, int32_t port, int32_t *lport, int mode);
+LIBPMX_API int libpmx_get_lport_by_unit_port(int32_t unit, int32_t port, int32_t *lport);     /* mode 2 */
+LIBPMX_API int libpmx_get_lport_by_unit_port_ext(int32_t unit, int32_t port, int32_t *lport); /* mode 0 */
+/* The core of the unit that serves a chip port: as above. */
+LIBPMX_API int libpmx_get_coreid_by_unit_port_detail(int32_t unit, int32_t port, int32_t *core, int mode);
+/* The chip unit and port of a panel port, from the table only: 0, -11, -7. */
+LIBPMX_API int libpmx_get_unit_port_by_lport_ext(int32_t lport, int32_t *unit, int32_t *port);
+/* The panel-port count of this card: the cached one, else (not yet known) one read of
+ * p_dev.local_port_info; -1 when unknown. */
+LIBPMX_API int32_t libpmx_get_local_lport_num(void);
+/* 1 when the chip port is in the table and sits on a virtual unit (table only). */
+LIBPMX_API int libpmx_is_local_virtual_unit_port(int32_t unit, int32_t port);
+
+/* 1 when the panel port lies in the back-plane range; the plain form reads the range
+ * (s_cluster.ixn_lport_info) once while it is unknown, _ext uses what is cached. */
+LIBPMX_API int libpmx_is_bp_lport(uint32_t lport);
+LIBPMX_API int libpmx_is_bp_lport_ext(uint32_t lport);
+/* The unit and port behind a back-plane panel port: the table, else (mode not 0) one read of
+ * s_cluster.ixn_lport_to_upt, kept. 0, -11 null, -7. */
+LIBPMX_API int libpmx_get_bp_unit_port_by_lport(uint32_t lport, uint32_t *unit, uint32_t *port, int mode);
+
+/* ---- subcard port queries ---- */
+
+/* The subcard type and scid of a chip port of this card: 0 and 0 for a port of the card itself
+ * (owned by this card's type, on a card that is no subcard), else the owning subcard type and
+ * its scid
+ * (libpmx_get_scid_with_subcard_type with mode). 0; -11 null out; -7 not a port of this card or
+ * no scid; -4 this card's type unknown. Outputs written only on success. */
+LIBPMX_API int libpmx_get_subcard_type_scid_by_unit_port(int32_t unit, int32_t port, int32_t *subcard_type,
+                                                         int32_t *scid, int mode);
+LIBPMX_API int libpmx_get_scid_by_unit_port(int32_t unit, int32_t port, int32_t *scid, int mode);
+
+/* Every port of the table in panel-port order (unit, port, lport, core, unit type, card type,
+ * online), then the ports without a panel port, the counts and the back-plane range. */
+LIBPMX_API void libpmx_dump_port_table(void);
 
 LIBPMX_END_DECLS
 

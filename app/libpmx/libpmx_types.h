@@ -66,6 +66,16 @@ typedef struct libpmx_sub_route_info {
     uint32_t master_phyid;
 } libpmx_sub_route_info_t;
 
+/* One chip port of the local card as its unit/port record (p_dev.unit_cport_info) tells it. */
+typedef struct libpmx_port_info {
+    int32_t unit;
+    int32_t port;      /* chip port */
+    int32_t lport;     /* panel port, -1 for a port without one */
+    int32_t core;      /* core of the unit that serves the port */
+    int32_t unit_type; /* 0 a physical unit, 1 a virtual (logical) unit */
+    int32_t card_type; /* the card type that owns the port: the card's own, or its subcard's */
+} libpmx_port_info_t;
+
 /* Forwarding units of one card (cache family ce_pmx_fuid_info_per_slot; the shape of the
  * module table of a slot as the library stores it). */
 #define LIBPMX_FUID_UNITS_PER_SLOT 8

@@ -27,6 +27,8 @@ enum class LockRank : uint8_t {
     SplitGphy = 30,    // split ports: module-port <-> gphyid (the three never held together)
     SplitLphy = 31,    // split ports: unit-port <-> lphyid
     SplitPort = 32,    // split ports: gslot + unit-port <-> lport
+    PortTable = 40,    // the local port table (unit-port index and panel-port entries)
+    InvalidModid = 50, // module ids declared invalid
     BlockRecords = 60, // block records of long database waits
 };
 
