@@ -14,6 +14,7 @@
 #include "libpmx_cap.h"
 #include "libpmx_intf.h"
 #include "libpmx_mod.h"
+#include "libpmx_port.h"
 #include "topology.h"
 #include "u_intf.pb-c.h"
 
@@ -138,6 +139,68 @@ TEST(ChassisGen, LibraryAnswersAgreeWithTheTruthTable)
     EXPECT_EQ(kinds, (std::set<PortKind>{PortKind::Port, PortKind::Power, PortKind::SplitMember,
                                          PortKind::SubAp, PortKind::SubRoute}));
     EXPECT_EQ(chassis.local, "1/3/0");
+}
+
+// Every card of the sample chassis in turn as the local card (a fresh store each, the local state
+// of the process reset between them): its chip ports answer the local port table, the subcard
+// port queries and the module lookups as the truth table says.
+TEST(ChassisGen, EachCardSeesItsOwnPorts)
+{
+    ASSERT_EQ(libpmx_cap_init(nullptr, "test_chassis_gen"), 0);
+    libpmx_cap_set_block_times(2);
+    size_t cards = 0, ports = 0;
+    for (const char *card : {"1/2", "1/3", "1/4", "1/4/1", "1/5"}) {
+        SCOPED_TRACE(card);
+        pmx_tool::Chassis chassis;
+        std::string error;
+        pmx_tool::GenOptions opt;
+        opt.card = card;
+        ASSERT_TRUE(pmx_tool::generate_chassis(PMX_SOURCE_DIR "/examples/chassis/small.topo.json", opt, &chassis,
+                                               &error))
+            << error;
+        pmx_tool::DbSession session;
+        pmx_tool::DbOptions db;
+        db.url = std::string("embedded:chassis-card-") + card;
+        ASSERT_TRUE(session.open(db));
+        for (const pmx_tool::Record &r : chassis.records)
+            ASSERT_EQ(session.write(r), QV_MOM_OK) << r.kind()->name;
+        // The local state is process-wide: back to unknown, as in a process of that card.
+        libpmx_port_init();
+        const int32_t unknown[5] = {-1, -1, -1, -1, -1};
+        libpmx_cache_set_my_info(unknown);
+        libpmx_cache_set_my_chss(-1);
+        ++cards;
+        for (const pmx_tool::TruthRow &row : chassis.truth) {
+            if (row.kind == PortKind::SubAp || row.kind == PortKind::SubRoute) continue;
+            const bool mine = chassis.local == std::to_string(row.dev) + "/" + std::to_string(row.slot) + "/" +
+                                                   std::to_string(row.sslot);
+            const bool my_slot = chassis.local.rfind(std::to_string(row.dev) + "/" + std::to_string(row.slot) + "/", 0) == 0;
+            SCOPED_TRACE(pmx_tool::truth_json(row).dump());
+            if (!mine) {
+                if (!my_slot) {
+                    EXPECT_FALSE(libpmx_is_local_modid(row.modid)) << "a chip of another slot";
+                }
+                continue;
+            }
+            ++ports;
+            int32_t lport = -1, core = -1, sct = -1, scid = -1;
+            EXPECT_EQ(libpmx_get_lport_by_unit_port(row.unit, row.port, &lport), 0);
+            EXPECT_EQ(lport, row.lport);
+            EXPECT_EQ(libpmx_get_coreid_by_unit_port_detail(row.unit, row.port, &core, 0), 0) << "kept by the read";
+            EXPECT_EQ(core, row.core);
+            EXPECT_EQ(libpmx_get_subcard_type_scid_by_unit_port(row.unit, row.port, &sct, &scid, 2), 0);
+            EXPECT_EQ(std::make_pair(sct, scid), std::make_pair(row.subcard_type, row.scid));
+            if (row.sslot != 0) continue; // a subcard has no module table: its chips are its host's
+            int32_t modid = -1, unit = -1;
+            EXPECT_EQ(libpmx_get_lmodid_by_unit_core(static_cast<uint32_t>(row.unit), row.core, &modid), 0);
+            EXPECT_EQ(modid, row.modid);
+            EXPECT_TRUE(libpmx_is_local_modid(row.modid));
+            EXPECT_EQ(libpmx_get_unit_by_chip(row.modid, &unit), 0);
+            EXPECT_EQ(unit, row.unit);
+        }
+    }
+    EXPECT_EQ(cards, 5u);
+    EXPECT_GT(ports, 20u);
 }
 
 } // namespace

@@ -36,6 +36,8 @@ qv_zlog_category_t *log_category()
 }
 
 #define QV_CAP_ERROR(...) QV_HOST_LOG(log_category(), QV_ZLOG_LEVEL_ERROR, __VA_ARGS__)
+// A capability that the file does not have: normal for optional values (callers keep defaults).
+#define QV_CAP_DEBUG(...) QV_HOST_LOG(log_category(), QV_ZLOG_LEVEL_DEBUG, __VA_ARGS__)
 
 // The defaults: the process one (the first info loaded while none was set) and one per thread
 // (libqv_cap_init_thread). Freeing an info clears every default that names it, so each thread
@@ -201,7 +203,7 @@ const json *find(const libqv_cap_ctrl_info *info, const char *name, bool has_out
             next = &(*node)[index];
         }
         if (next == nullptr) {
-            QV_CAP_ERROR("capability %s not found in %s: no \"%s\" in the %s", name,
+            QV_CAP_DEBUG("capability %s not found in %s: no \"%s\" in the %s", name,
                          info->path.c_str(), step.c_str(), node->type_name());
             *rc = LIBQV_CAP_E_MISSING;
             return nullptr;
