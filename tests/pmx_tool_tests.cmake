@@ -141,6 +141,14 @@ pmx_db_test(query_modid_subcard ARGS "query|--load|${pmx_chassis}|--json|modid|3
 pmx_db_test(query_ifx_block ARGS "query|--load|${pmx_chassis}|ifx-block|0x0710190c" STDOUT_REGEX "ifx +301\n")
 pmx_db_test(query_ifx_block_wrong_cid EXPECT_FAIL ARGS "query|--load|${pmx_chassis}|ifx-block|0x0718190c"
   STDERR_REGEX "no present card whose cid is the phyid's cid field 3 .*\(-11 LIBPMX_E_FAIL\)")
+# pmx dump: the library's tables filled from the records as the change callbacks fill them.
+pmx_db_test(dump_chipslot ARGS "dump|--load|${pmx_chassis}|chipslot"
+  STDOUT_REGEX "0x000002  \t16 18 19 \t0xc\n.*0x000005  \t81 \t0x1a\n")
+pmx_db_test(dump_split_port ARGS "dump|--load|${pmx_chassis}|split-port"
+  STDOUT_REGEX "\\|  1\\|   2\\|    0\\|   0\\|  16\\|    4\\|\n.*total 2\n")
+pmx_db_test(dump_port_table ARGS "dump|--load|${pmx_chassis}|port-table" STDOUT_REGEX "    8 \\|    1 \\|    4 \\|.*total 8 ports, lport_num 8")
+pmx_db_test(dump_bad_argument EXPECT_FAIL ARGS "dump|--load|${pmx_chassis}|chipslot|slot=3" STDOUT_REGEX "usage: dump_chipslot")
+pmx_db_test(dump_unknown_table EXPECT_FAIL ARGS "dump|nope" STDERR_REGEX "no table 'nope'")
 pmx_db_test(query_bad_id EXPECT_FAIL ARGS "query|ifx|0x1g" STDERR_REGEX "^pmx: '0x1g' is not a 32-bit id \\(decimal, or hex with 0x\\)\n$")
 
 # A number beyond a double is a JSON error of the file, not a crash.

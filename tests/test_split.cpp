@@ -10,9 +10,11 @@
 #include <thread>
 
 #include "libpmx_mod.h"
+#include "libpmx_mom.h"
 #include "libpmx_port.h"
 #include "libpmx_split.h"
 #include "log_capture.h"
+#include "u_intf.pb-c.h"
 
 namespace
 {
@@ -142,6 +144,42 @@ TEST(Split, TheIgnoreFlagIsPerThread)
     EXPECT_EQ(other, 0) << "another thread still sees the split ports";
     libpmx_set_ignore_split_mapping(0);
     EXPECT_EQ(libpmx_split_cache_get_unit_port_by_lphyid(0x08000101, &a, &b), 0);
+}
+
+// Physical-port records of split ports (count above 1) feed the maps as the change callbacks
+// apply them; the local card's also feed the unit-port map, and a delete takes them out.
+TEST(Split, PhysicalPortRecordsOfSplitPortsFeedTheMaps)
+{
+    const int32_t info[5] = {3, 2, 12, libpmx_get_node_by_dev_slot(1, 2), 0};
+    libpmx_cache_set_my_info(info);
+    auto phy = [](uint32_t gphyid, int32_t slot, int32_t port, int32_t count) {
+        UIntf__PmxPhyTbl r = U_INTF__PMX_PHY_TBL__INIT;
+        r.gphyid = gphyid;
+        r.lphyid = 0x08000000u | static_cast<uint32_t>(port);
+        r.modid = 70;
+        r.mport = port;
+        r.port = port;
+        r.dev = 1;
+        r.slot = slot;
+        r.lport = 4;
+        r.count = count;
+        return r;
+    };
+    UIntf__PmxPhyTbl mine = phy(gphy(2, 70, 16), 2, 16, 2), other = phy(gphy(2, 71, 16), 6, 16, 2),
+                     plain = phy(gphy(2, 70, 17), 2, 17, 1);
+    other.modid = 71;
+    for (UIntf__PmxPhyTbl *r : {&mine, &other, &plain}) ASSERT_EQ(libpmx_mom_record_apply(&r->base, 0), 0);
+    uint32_t g = 0, unit = 9, port = 9, lport = 0;
+    EXPECT_EQ(libpmx_split_cache_get_phyid_by_mod_port(70, 16, 2, &g), 0);
+    EXPECT_EQ(g, mine.gphyid);
+    EXPECT_EQ(libpmx_split_cache_get_phyid_by_mod_port(70, 17, UINT32_MAX, &g), LIBPMX_E_NOT_FOUND) << "count 1";
+    EXPECT_EQ(libpmx_split_cache_get_unit_port_by_lphyid(mine.lphyid, &unit, &port), 0);
+    EXPECT_EQ(libpmx_split_cache_get_lport_by_gslot_unit_port(6, 0, 16, &lport), 0) << "every card's gslot map";
+    EXPECT_EQ(libpmx_split_cache_get_unit_port_by_lphyid(0x08000000u | 16u, &unit, &port), 0);
+    ASSERT_EQ(libpmx_mom_record_apply(&mine.base, 1), 0);
+    EXPECT_EQ(libpmx_split_cache_get_phyid_by_mod_port(70, 16, 2, &g), LIBPMX_E_NOT_FOUND);
+    EXPECT_EQ(libpmx_split_cache_get_lport_by_gslot_unit_port(2, 0, 16, &lport), LIBPMX_E_NOT_FOUND);
+    ASSERT_EQ(libpmx_mom_record_apply(&other.base, 1), 0);
 }
 
 // Two readers against a writer that allocates and retrieves a module table and adds and removes

@@ -218,6 +218,34 @@ extern "C" int libpmx_dbg_add_cmds(const libpmx_dbg_cmd_t *cmds, uint32_t n)
     return t.module.empty() ? LIBPMX_OK : serve_table(t.module, cmds, n);
 }
 
+extern "C" int libpmx_dbg_run_cmd(const char *line)
+{
+    const std::string text = line != nullptr ? line : "";
+    const size_t begin = text.find_first_not_of(" \t");
+    if (begin == std::string::npos) {
+        ssat_printf("no command given\n");
+        return LIBPMX_E_INVAL;
+    }
+    const size_t end = text.find_first_of(" \t", begin);
+    const std::string name = text.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
+    const std::string args = end == std::string::npos ? std::string() : text.substr(end + 1);
+    ssat_cmd_fn fn = nullptr;
+    for (const libpmx_dbg_cmd_t &c : kLevelCommands)
+        if (name == c.name) fn = c.fn;
+    {
+        CommandTables &t = command_tables();
+        std::lock_guard<std::mutex> lock(t.mu);
+        for (uint32_t i = 0; i < t.n_tables && fn == nullptr; ++i)
+            for (uint32_t j = 0; j < t.tables[i].n && fn == nullptr; ++j)
+                if (name == t.tables[i].cmds[j].name) fn = t.tables[i].cmds[j].fn;
+    }
+    if (fn == nullptr) {
+        ssat_printf("unknown command '%s'\n", name.c_str());
+        return LIBPMX_E_INVAL;
+    }
+    return fn(args.c_str());
+}
+
 extern "C" int libpmx_dbg_ut_init(void *glb, const char *name)
 {
     (void)glb;

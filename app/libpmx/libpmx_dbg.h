@@ -64,6 +64,10 @@ typedef struct libpmx_dbg_cmd {
  * handing the same table again is harmless. 0, -4 for a null table, -2 when no more tables fit. */
 LIBPMX_API int libpmx_dbg_add_cmds(const libpmx_dbg_cmd_t *cmds, uint32_t n);
 
+/* Runs one debug command in this process ("dump_chipslot gslot=3"), its output to standard
+ * output: the command's result, or -4 for an unknown command (printed). */
+LIBPMX_API int libpmx_dbg_run_cmd(const char *line);
+
 /* Starts serving the debug commands of the module name: the level commands and every table the
  * subsystems handed over. 0 or -11 (the shell's own code is logged). */
 LIBPMX_API int libpmx_dbg_ut_init(void *glb, const char *name);

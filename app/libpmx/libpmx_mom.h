@@ -93,6 +93,14 @@ LIBPMX_API int libpmx_mom_init(void *glb, const char *app_name);
 /* The key descriptors of the subscribed records, in their fixed order. */
 LIBPMX_API const qv_mom_key_desc_t *libpmx_mom_in_keys(void);
 
+/* What the change callbacks do to the caches: applies one added or changed (event 0) or deleted
+ * (event 1) record of a followed kind to the cache of its owner (interface table, sub-interface
+ * caches, module table, card ids, card info, local identity and port table, back-plane ports;
+ * a physical port of a split port, count above 1, to the split maps). A deleted module table
+ * takes its slot's ids back; a deleted identity or card address changes nothing. 0; -4 a kind
+ * the library does not follow; -11 null; else the owner's code. */
+LIBPMX_API int libpmx_mom_record_apply(const ProtobufCMessage *record, int event);
+
 /* Sets up the timed event delivery at load; 0. Its queues come with the delivery itself. */
 LIBPMX_API int libpmx_event_list_init(void);
 

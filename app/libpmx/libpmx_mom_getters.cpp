@@ -355,6 +355,31 @@ int decode_port_ready(const void *reply, void *out)
 
 } // namespace
 
+int pmx::decode_ifx_tbl(const void *reply, void *out)
+{
+    return decode_port_tbl<UIntf__PmxIfxTbl>(reply, out);
+}
+
+int pmx::decode_phy_tbl(const void *reply, void *out)
+{
+    return decode_port_tbl<UIntf__PmxPhyTbl>(reply, out);
+}
+
+int pmx::decode_sub_ap_intf(const void *reply, void *out)
+{
+    return decode_sub_ap(reply, out);
+}
+
+int pmx::decode_sub_route_intf(const void *reply, void *out)
+{
+    return decode_sub_route(reply, out);
+}
+
+int pmx::decode_card_type_of_card_info(const void *reply, void *out)
+{
+    return decode_card_info_type(reply, out);
+}
+
 // ---- local identity and completeness ----
 
 extern "C" int libpmx_get_local_port_from_localport_info(int32_t *lport_num, int32_t *online, uint32_t capacity,

@@ -133,6 +133,9 @@ LIBPMX_API int libpmx_port_set_unit_port(const libpmx_port_info_t *info);
 LIBPMX_API int libpmx_port_del_unit_port(int32_t unit, int32_t port);
 /* The panel-port count and the online panel ports (every other port offline): 0, -11 null. */
 LIBPMX_API int libpmx_port_set_local_port_info(int32_t lport_num, const int32_t *online, uint32_t n);
+/* The port readiness of a local sub-slot (libpmx_local_card_port_ready): stored (refreshed, a
+ * changed card type logged) or, with is_add 0, forgotten. 0; -2 no memory; -11 absent on forget. */
+LIBPMX_API int libpmx_port_set_card_port_ready(int32_t sslot, int32_t ready, int32_t card_type, int is_add);
 /* The back-plane panel-port range, and one back-plane port's unit and port (is_add 0 forgets it). */
 LIBPMX_API void libpmx_port_set_bp_range(uint32_t lport_base, uint32_t lport_num);
 LIBPMX_API int libpmx_port_set_bp_lport(uint32_t lport, uint32_t unit, uint32_t port, int is_add);

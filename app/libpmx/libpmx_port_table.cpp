@@ -177,6 +177,15 @@ extern "C" int libpmx_port_set_local_port_info(int32_t lport_num, const int32_t 
     return LIBPMX_OK;
 }
 
+extern "C" int libpmx_port_set_card_port_ready(int32_t sslot, int32_t ready, int32_t card_type, int is_add)
+{
+    const libpmx_local_card_port_ready_t rec{static_cast<uint32_t>(sslot), static_cast<uint32_t>(ready != 0),
+                                             static_cast<uint32_t>(card_type)};
+    Guard g(g_lock, Access::Write);
+    if (is_add == 0) return libpmx_local_card_port_ready_destroy(&rec);
+    return libpmx_local_card_port_ready_create(&rec) != nullptr ? LIBPMX_OK : LIBPMX_E_NOMEM;
+}
+
 extern "C" void libpmx_port_set_bp_range(uint32_t lport_base, uint32_t lport_num)
 {
     g_bp_base.store(lport_base, std::memory_order_relaxed);

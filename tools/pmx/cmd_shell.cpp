@@ -166,6 +166,27 @@ int list_modules(const ShellOptions &opt)
     return kExitOk;
 }
 
+// Connects to the process serving module: kExitOk with *client set, or an exit status with the
+// reason printed.
+int connect(const std::string &module, pid_t pid, ssat_client_t **client)
+{
+    int rc = ssat_client_connect(module.c_str(), pid, client);
+    if (rc == SSAT_CLIENT_E_SEVERAL) {
+        std::vector<ssat_client_proc_t> procs;
+        if (list_processes(module, &procs) != SSAT_CLIENT_OK) return kExitFailed;
+        fail("module " + module + " is served by several processes; pick one with --pid:");
+        print_processes(stderr, procs, "  ");
+        std::fprintf(stderr, "for example: pmx shell %s --pid %d ...\n", module.c_str(),
+                     procs.empty() ? 0 : static_cast<int>(procs[0].pid));
+        return kExitUsage;
+    }
+    if (rc != SSAT_CLIENT_OK) {
+        fail(ssat_client_last_error());
+        return rc == SSAT_CLIENT_E_INVAL ? kExitUsage : kExitFailed;
+    }
+    return kExitOk;
+}
+
 int shell(const ShellOptions &opt)
 {
     if (opt.list_modules || opt.module.empty()) return list_modules(opt);
@@ -174,20 +195,7 @@ int shell(const ShellOptions &opt)
         return kExitUsage;
     }
     ssat_client_t *client = nullptr;
-    int rc = ssat_client_connect(opt.module.c_str(), opt.pid, &client);
-    if (rc == SSAT_CLIENT_E_SEVERAL) {
-        std::vector<ssat_client_proc_t> procs;
-        if (list_processes(opt.module, &procs) != SSAT_CLIENT_OK) return kExitFailed;
-        fail("module " + opt.module + " is served by several processes; pick one with --pid:");
-        print_processes(stderr, procs, "  ");
-        std::fprintf(stderr, "for example: pmx shell %s --pid %d ...\n", opt.module.c_str(),
-                     procs.empty() ? 0 : static_cast<int>(procs[0].pid));
-        return kExitUsage;
-    }
-    if (rc != SSAT_CLIENT_OK) {
-        fail(ssat_client_last_error());
-        return rc == SSAT_CLIENT_E_INVAL ? kExitUsage : kExitFailed;
-    }
+    if (int rc = connect(opt.module, opt.pid, &client); rc != kExitOk) return rc;
     int status;
     if (opt.list || !opt.words.empty()) {
         std::string line = opt.list ? "help" : "";
@@ -207,6 +215,16 @@ int shell(const ShellOptions &opt)
 }
 
 } // namespace
+
+int run_shell_line(const std::string &module, int pid, const std::string &line)
+{
+    ssat_client_t *client = nullptr;
+    if (int rc = connect(module, pid, &client); rc != kExitOk) return rc;
+    int code = 0;
+    const int status = run_command(client, line, &code) && code == 0 ? kExitOk : kExitFailed;
+    ssat_client_close(client);
+    return status;
+}
 
 Command add_shell_command(CLI::App &app)
 {

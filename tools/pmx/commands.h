@@ -4,6 +4,7 @@
 #define PMX_TOOL_COMMANDS_H
 
 #include <functional>
+#include <string>
 
 namespace CLI
 {
@@ -24,12 +25,17 @@ struct Command {
 };
 
 Command add_decode_command(CLI::App &app);
+Command add_dump_command(CLI::App &app);
 Command add_gen_command(CLI::App &app);
 Command add_get_command(CLI::App &app);
 Command add_load_command(CLI::App &app);
 Command add_query_command(CLI::App &app);
 Command add_shell_command(CLI::App &app);
 Command add_whoami_command(CLI::App &app);
+
+// Runs one debug command line in the process serving module (pid 0: the only one), its output to
+// standard output; an exit status (kExitUsage when several processes serve it and none is picked).
+int run_shell_line(const std::string &module, int pid, const std::string &line);
 
 } // namespace pmx_tool
 

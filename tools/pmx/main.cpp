@@ -16,6 +16,7 @@ int main(int argc, char **argv)
 
     std::vector<pmx_tool::Command> commands;
     commands.push_back(pmx_tool::add_decode_command(app));
+    commands.push_back(pmx_tool::add_dump_command(app));
     commands.push_back(pmx_tool::add_load_command(app));
     commands.push_back(pmx_tool::add_gen_command(app));
     commands.push_back(pmx_tool::add_get_command(app));

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <tuple>
 #include <new>
 #include <optional>
 #include <set>
@@ -1173,7 +1174,11 @@ void Builder::build(Chassis *out)
         }
     }
 
-    auto fill = [](auto *m, const TruthRow &r) {
+    // A split port's members carry the member count, the rest 1.
+    std::map<std::tuple<int32_t, int32_t, int32_t, int32_t>, int32_t> members;
+    for (const TruthRow &r : rows_)
+        if (r.member > 0) ++members[{r.dev, r.slot, r.sslot, r.lport}];
+    auto fill = [&members](auto *m, const TruthRow &r) {
         m->ifx = r.ifx;
         m->gphyid = r.gphyid;
         m->lphyid = r.lphyid;
@@ -1186,7 +1191,7 @@ void Builder::build(Chassis *out)
         m->slot = r.slot;
         m->lport = r.lport;
         m->is_valid = 1;
-        m->count = 1;
+        m->count = r.member > 0 ? members[{r.dev, r.slot, r.sslot, r.lport}] : 1;
         m->core = r.core;
         m->sslot = r.sslot;
     };

@@ -58,6 +58,15 @@ const libpmx_record_kind_t &record_kind(Record id);
 int read_record(const char *func, Record id, const ProtobufCMessage *key, libpmx_db_decode_fn decode,
                 void *out, int op);
 
+// Decoders that the typed getters and the change appliers share: interface and physical-port
+// records into a libpmx_intf_info_t, sub-interface records into their cache records (all but the
+// ifx, which is the key's), a card record into its card type.
+int decode_ifx_tbl(const void *reply, void *out);
+int decode_phy_tbl(const void *reply, void *out);
+int decode_sub_ap_intf(const void *reply, void *out);
+int decode_sub_route_intf(const void *reply, void *out);
+int decode_card_type_of_card_info(const void *reply, void *out);
+
 // The local identity as the synchronous read gives it: node_type, slot_id, card_type, node_id,
 // and the sub-slot as 0 (only the change callback stores the record's sub-slot).
 int read_my_info(int32_t info[5]);
