@@ -198,8 +198,9 @@ TEST(Split, ReadersWhileAWriterChangesModulesAndSplits)
     alloc.fuid[0].modid[1] = 91;
     ce_pmx_fuid_info_per_slot_t retrieve{};
     std::atomic<bool> stop{false};
-    std::atomic<int> wrong{0}, seen_split{0}, seen_unit{0};
+    std::atomic<int> wrong{0}, seen_split{0}, seen_unit{0}, started{0};
     auto reader = [&] {
+        ++started;
         while (!stop.load()) {
             int32_t unit = -1;
             const int rc = libpmx_get_unit_by_chip_ext(91, &unit);
@@ -215,7 +216,9 @@ TEST(Split, ReadersWhileAWriterChangesModulesAndSplits)
     };
     libpmx_update_mod_port_gphyid(gphy(2, 90, 2), 90, 2, 1);
     std::thread r1(reader), r2(reader);
-    for (int i = 0; i < 2000; ++i) {
+    while (started.load() < 2) std::this_thread::yield();
+    // At least 2000 changes, and on until a reader has seen the data (a slow machine).
+    for (int i = 0; i < 2000 || (seen_split.load() + seen_unit.load() == 0 && i < 2000000); ++i) {
         libpmx_add_mod_tbl(1, 9, 0, (i & 1) != 0 ? &retrieve : &alloc);
         libpmx_update_mod_port_gphyid(gphy(1 + (i & 1), 90, 2), 90, 2, 1);
         libpmx_update_mod_port_gphyid(gphy(2 - (i & 1), 90, 2), 90, 2, 0);
