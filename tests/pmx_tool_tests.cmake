@@ -180,5 +180,7 @@ pmx_tool_test(gen_port_beyond EXPECT_FAIL ARGS "gen|${pmx_gen_data}/port_beyond.
   STDERR_REGEX "^pmx: [^\n]*/port_beyond.topo.json: sub_interfaces\\[0\\].ports: \"1/2/0/9\": lport 9 is beyond the ports of LC-8XS in 1/2/0 \\(8 panel ports from 1\\)\n$")
 pmx_tool_test(gen_modid_exhausted EXPECT_FAIL ARGS "gen|${pmx_gen_data}/modid_exhausted.topo.json|-o|gen_bad.json"
   STDERR_REGEX "^pmx: [^\n]*/modid_exhausted.topo.json: devices\\[0\\].slots\\[0\\].card: module id range exhausted: card type LC-8XS in 1/3/0 would take module id 24, outside 0..20 \\(modid-info/12 of [^\n]*/narrow.caps.json\\)\n$")
+pmx_tool_test(gen_backplane_front EXPECT_FAIL ARGS "gen|${pmx_gen_data}/backplane_front.topo.json|-o|gen_bad.json"
+  STDERR_REGEX "card_types\\[0\\].backplane.ports\\[0\\].ports: unit 0 chip port 8 is a front-panel port of the card\n$")
 pmx_tool_test(gen_ifx_collision EXPECT_FAIL ARGS "gen|${pmx_gen_data}/ifx_collision.topo.json|-o|gen_bad.json"
   STDERR_REGEX "^pmx: [^\n]*/ifx_collision.topo.json: sub_interfaces\\[0\\].ifx: ifx collision: ifx 3 of sub-route 1/2/0/1 evlan 100 is already taken by port 1/2/0/3\n$")

@@ -170,6 +170,15 @@ TEST(ChassisGen, EachCardSeesItsOwnPorts)
         libpmx_cache_set_my_info(unknown);
         libpmx_cache_set_my_chss(-1);
         ++cards;
+        // Line cards have two back-plane ports (lports 1001-1002 on unit 0, chip ports 30-31).
+        const bool line_card = chassis.local == "1/2/0" || chassis.local == "1/3/0" || chassis.local == "1/4/0";
+        EXPECT_EQ(libpmx_is_bp_lport(1002) != 0, line_card);
+        EXPECT_FALSE(libpmx_is_bp_lport(1003));
+        uint32_t bp_unit = 9, bp_port = 0;
+        EXPECT_EQ(libpmx_get_bp_unit_port_by_lport(1002, &bp_unit, &bp_port, 1), line_card ? 0 : LIBPMX_E_NOT_FOUND);
+        if (line_card) {
+            EXPECT_EQ(std::make_pair(bp_unit, bp_port), std::make_pair(0u, 31u));
+        }
         for (const pmx_tool::TruthRow &row : chassis.truth) {
             if (row.kind == PortKind::SubAp || row.kind == PortKind::SubRoute) continue;
             const bool mine = chassis.local == std::to_string(row.dev) + "/" + std::to_string(row.slot) + "/" +

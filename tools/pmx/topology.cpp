@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "p_dev.pb-c.h"
+#include "s_cluster.pb-c.h"
 #include "p_intf.pb-c.h"
 #include "qv_cap.h"
 #include "u_intf.pb-c.h"
@@ -256,6 +257,7 @@ struct CardType {
     int32_t subslots = 0;
     std::vector<UnitDef> units;
     std::vector<PortDef> ports; // in lport order
+    std::vector<PortDef> backplane; // back-plane ports of a cluster member, in lport order
     bool subcard = false;
     int32_t scid = 0; // subcard types: from the capability data
 
@@ -330,6 +332,7 @@ class Builder
 
   private:
     void parse_card_types(const json &doc);
+    void parse_backplane(const json &o, const std::string &path, CardType *t);
     void parse_devices(const json &doc);
     void allocate_modids();
     void make_ports(const json &doc);
@@ -421,7 +424,8 @@ void Builder::parse_card_types(const json &doc)
             else
                 only_members(o, path,
                              {"name", "type", "cid", "node", "port_type", "idnum_per_unit",
-                              "intraband", "cpu_num", "mgmt_num", "subslots", "lport_base", "units"});
+                              "intraband", "cpu_num", "mgmt_num", "subslots", "lport_base", "units",
+                              "backplane"});
             CardType t;
             t.path = path;
             t.subcard = subcard;
@@ -492,9 +496,34 @@ void Builder::parse_card_types(const json &doc)
                     t.units.push_back(std::move(unit));
                 }
             }
+            if (!subcard && o.contains("backplane")) parse_backplane(o["backplane"], member_path(path, "backplane"), &t);
             if (!t.ports.empty() && t.cid < 0)
                 fail(member_path(path, "cid"), "missing: a card type with ports needs its card id");
             types_.push_back(std::move(t));
+        }
+    }
+}
+
+// {"lport_base": N, "ports": [{"unit": U, "ports": ...}]}: back-plane panel ports from N on, on
+// chip ports that are no front-panel port of the card.
+void Builder::parse_backplane(const json &o, const std::string &path, CardType *t)
+{
+    only_members(o, path, {"lport_base", "ports"});
+    int32_t lport = int_member(o, path, "lport_base", 1, 0xffff);
+    if (!o.contains("ports") || !o["ports"].is_array()) fail(member_path(path, "ports"), "expected an array");
+    std::set<std::pair<int32_t, int32_t>> front;
+    for (const PortDef &p : t->ports) front.insert({p.unit, p.port});
+    for (size_t k = 0; k < o["ports"].size(); ++k) {
+        const json &e = o["ports"][k];
+        std::string pp = index_path(member_path(path, "ports"), k);
+        only_members(e, pp, {"unit", "ports"});
+        const int32_t unit = int_member(e, pp, "unit", 0, static_cast<int64_t>(t->units.size()) - 1);
+        if (!e.contains("ports")) fail(member_path(pp, "ports"), "missing");
+        for (int32_t port : numbers(e["ports"], member_path(pp, "ports"), 0, 1023)) {
+            if (front.count({unit, port}) != 0)
+                fail(member_path(pp, "ports"), "unit " + std::to_string(unit) + " chip port " + std::to_string(port) +
+                                                   " is a front-panel port of the card");
+            t->backplane.push_back({unit, port, lport++});
         }
     }
 }
@@ -1273,6 +1302,22 @@ void Builder::build(Chassis *out)
         uc->static_info = port_attr(lt.port_type, r.unit, r.port, r.lport, r.core,
                                     local.subcard != nullptr ? lt.type : 0);
         uc->owner_card_type = lt.type;
+    }
+
+    // A cluster member's back-plane ports: their range and the chip port behind each.
+    if (!lt.backplane.empty()) {
+        auto *range = new_msg<SCluster__IxnLportInfo>(s_cluster__ixn_lport_info__descriptor);
+        rec.add(&range->base, nullptr);
+        range->lport_base = static_cast<uint32_t>(lt.backplane.front().lport);
+        range->lport_num = static_cast<uint32_t>(lt.backplane.size());
+        for (const PortDef &p : lt.backplane) {
+            auto *bp = new_msg<SCluster__IxnLportToUpt>(s_cluster__ixn_lport_to_upt__descriptor);
+            bp->index = new_msg<SCluster__IxnLportToUptIndex>(s_cluster__ixn_lport_to_upt_index__descriptor);
+            rec.add(&bp->base, &bp->index->base);
+            bp->index->lport = static_cast<uint32_t>(p.lport);
+            bp->unit = static_cast<uint32_t>(p.unit);
+            bp->port = static_cast<uint32_t>(p.port);
+        }
     }
 
     // Completeness last: a follower that sees it has everything else.
