@@ -22,7 +22,7 @@ fail() {
 }
 
 out=$("${pmx[@]}" load --db "$url" "$chassis")
-[[ $out == "loaded 120 records into $url" ]] || fail "load printed '$out'"
+[[ $out == "loaded 123 records into $url" ]] || fail "load printed '$out'"
 
 out=$("${pmx[@]}" get --db "$url" --compact u_intf.pmx_mod_tbl 1 3 0)
 [[ $out == *"index:UIntf__ModIndex-{devid:1,slotid:3,sslotid:0},status:1-MODID_VALID,gslot:3,"*"id:[25,26,27,28],"* ]] ||
