@@ -105,6 +105,14 @@ TEST(ChassisGen, LibraryAnswersAgreeWithTheTruthTable)
             EXPECT_EQ(libpmx_get_ifx_by_phyid_block(row.gphyid, &ifx), 0);
             EXPECT_EQ(ifx, row.ifx);
             EXPECT_EQ(libpmx_is_local_modid(row.modid) != 0, row.dev == 1 && row.slot == 3);
+            // The system port of the port's position, and back: a split port's members share it.
+            uint32_t sysport = 0, back = 0;
+            EXPECT_EQ(libpmx_get_sysport_by_phyid_detail(row.gphyid, &sysport, 1), 0);
+            EXPECT_EQ(sysport, static_cast<uint32_t>(row.gslot) * 256 + static_cast<uint32_t>(row.lport));
+            EXPECT_EQ(libpmx_get_phyid_by_sysport_detail(sysport, &back, 1), 0);
+            if (row.member == 0) {
+                EXPECT_EQ(back, row.gphyid);
+            }
         }
 
         if (row.kind == PortKind::SubAp) {

@@ -298,6 +298,31 @@ TEST(ModTable, TheForwardingUnitWalkSeesCopiesInGslotOrder)
     EXPECT_EQ(libpmx_fuid_info_for_each(nullptr, nullptr), LIBPMX_E_FAIL);
 }
 
+TEST(ModTable, SystemPorts)
+{
+    uint32_t sp = 0, g = 0;
+    ASSERT_EQ(libpmx_get_sysport_by_dev_slot_sslot_lport(2, 3, 1, 7, &sp), 0);
+    EXPECT_EQ(sp, (1u << 10 | 1u << 5 | 3u) * 256 + 7);
+    int32_t dev = 0, slot = 0, sslot = 0, lport = 0;
+    libpmx_get_dev_slot_sslot_lport_by_sysport(sp, &dev, &slot, &sslot, &lport);
+    EXPECT_EQ(std::make_tuple(dev, slot, sslot, lport), std::make_tuple(2, 3, 1, 7));
+    EXPECT_EQ(libpmx_get_sysport_by_dev_slot_sslot_lport(2, 3, 0, 256, &sp), LIBPMX_E_INVAL);
+
+    // Two members of a split port on one panel port: the first stays until it is removed itself.
+    const uint32_t first = 7u << 24 | 2u << 19 | 90u << 8 | 16, second = first + 1;
+    ASSERT_EQ(libpmx_sysport_update(1, 9, 0, 4, first, 1), 0);
+    ASSERT_EQ(libpmx_sysport_update(1, 9, 0, 4, second, 1), 0);
+    ASSERT_EQ(libpmx_get_sysport_by_dev_slot_sslot_lport(1, 9, 0, 4, &sp), 0);
+    EXPECT_EQ(libpmx_get_phyid_by_sysport_detail(sp, &g, 0), 0);
+    EXPECT_EQ(g, first);
+    EXPECT_EQ(libpmx_sysport_update(1, 9, 0, 4, second, 0), LIBPMX_E_NOT_FOUND);
+    EXPECT_EQ(libpmx_sysport_update(1, 9, 0, 4, first, 0), 0);
+    EXPECT_EQ(libpmx_get_phyid_by_sysport_detail(sp, &g, 0), LIBPMX_E_NOT_FOUND);
+    EXPECT_EQ(libpmx_sysport_update(1, 9, 0, 4, 19u << 24 | 5, 1), LIBPMX_E_INVAL) << "a sub-interface";
+    EXPECT_EQ(libpmx_get_sysport_by_phyid_detail(20u << 24 | 5, &sp, 0), LIBPMX_E_INVAL);
+    EXPECT_EQ(libpmx_get_sysport_by_phyid_detail(first, &sp, 0), LIBPMX_E_NOT_FOUND) << "no interface, mode 0";
+}
+
 // A module table and a physical-port record in the store.
 void put_mod_tbl(EmbeddedDb &db, int32_t dev, int32_t slot, int32_t card_type, std::vector<uint32_t> ids)
 {

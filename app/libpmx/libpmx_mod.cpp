@@ -227,7 +227,7 @@ const libpmx_dbg_cmd_t kCommands[] = {
 extern "C" int libpmx_mod_init(void)
 {
     libpmx_dbg_add_cmds(kCommands, sizeof kCommands / sizeof kCommands[0]); // logs its own failure
-    return LIBPMX_OK;
+    return libpmx_sysport_init();
 }
 
 // ---- slot arithmetic ----

@@ -146,6 +146,36 @@ LIBPMX_API int libpmx_get_fuid_info_by_gslot(int32_t gslot, ce_pmx_fuid_info_per
  * after the last record, -11 for a null op, -2 without memory for the copies. */
 LIBPMX_API int libpmx_fuid_info_for_each(libpmx_hash_op_t op, void *arg);
 
+/* ---- system ports ----
+ * A system port numbers a front-panel port chassis-wide: gslot * 256 + lport, the gslot with
+ * its sub-slot bits (a subcard's ports get a block of their own), lport 0..255. libpmx_sysport
+ * (system port -> gphyid) holds the ports the interface records name, under the system-port lock;
+ * the members of a split port share their panel port's system port, which names the first member
+ * stored. */
+#define LIBPMX_SYSPORTS_PER_SLOT 256
+
+/* The debug command dump_sysport; called by libpmx_mod_init. Always 0. */
+LIBPMX_API int libpmx_sysport_init(void);
+
+/* The arithmetic: 0, or -4 for an lport outside 0..255 or a null output. */
+LIBPMX_API int libpmx_get_sysport_by_dev_slot_sslot_lport(int32_t dev, int32_t slot, int32_t sslot, int32_t lport,
+                                                          uint32_t *sysport);
+/* Back (dev from the gslot, so 1 for the devices outside 1..16); null outputs skipped. */
+LIBPMX_API void libpmx_get_dev_slot_sslot_lport_by_sysport(uint32_t sysport, int32_t *dev, int32_t *slot,
+                                                           int32_t *sslot, int32_t *lport);
+/* Change entry point: the port gphyid (types 7 and 25 only; -4 otherwise) at dev/slot/sslot/lport
+ * added, or (is_add 0) removed when it is the one stored. 0; -2 no memory; -7 nothing to remove. */
+LIBPMX_API int libpmx_sysport_update(int32_t dev, int32_t slot, int32_t sslot, int32_t lport, uint32_t gphyid,
+                                     int is_add);
+/* The gphyid of a system port: the cache, else (mode not 0) the physical-port records of the
+ * database (a scan), the found one kept. 0; -11 null out; -7 none. */
+LIBPMX_API int libpmx_get_phyid_by_sysport_detail(uint32_t sysport, uint32_t *gphyid, int mode);
+/* The system port of a gphyid: its interface node's position, else (mode not 0) its physical-port
+ * record's. 0; -11 null out; -4 a phyid of another type than 7 and 25 or an lport beyond 255; -7. */
+LIBPMX_API int libpmx_get_sysport_by_phyid_detail(uint32_t gphyid, uint32_t *sysport, int mode);
+/* Every system port held, in order: sysport, dev/slot/sslot/lport, gphyid; the total. */
+LIBPMX_API void libpmx_dump_sysport(void);
+
 /* 17. */
 LIBPMX_API int32_t libpmx_get_system_invalid_modid(void);
 

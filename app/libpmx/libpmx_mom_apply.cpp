@@ -91,6 +91,8 @@ std::optional<int> apply_pmx_tables(const ProtobufCMessage *m, bool add)
 {
     if (is(m, u_intf__pmx_ifx_tbl__descriptor)) {
         const auto *r = as<UIntf__PmxIfxTbl>(m);
+        // A front-panel port also names its system port (sub-interfaces do not).
+        libpmx_sysport_update(r->dev, r->slot, r->sslot, r->lport, r->gphyid, add ? 1 : 0);
         if (!add) return libpmx_del_intf_node(r->index != nullptr ? r->index->ifx : r->ifx);
         libpmx_intf_info_t info{};
         pmx::decode_ifx_tbl(r, &info);

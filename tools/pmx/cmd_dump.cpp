@@ -47,6 +47,7 @@ const Table kTables[] = {
     {"card-info", "dump_card_info", "card type of every dev/slot/sslot"},
     {"global-sport", "dump_global_sport", "sub-slot and panel port of card types' chip ports"},
     {"port-table", "dump_port_table", "the local card's chip ports"},
+    {"sysport", "dump_sysport", "system ports and the port each names"},
     {"split-glb", "dump_split_glb_phy", "split ports: gphyid <-> module port"},
     {"split-local", "dump_split_local_phy", "split ports: lphyid <-> unit port"},
     {"split-port", "dump_split_port", "split ports: gslot unit port <-> panel port"},

@@ -24,6 +24,7 @@ enum class LockRank : uint8_t {
     ModTable = 20,     // chip-id resources and per-slot records
     CardInfo = 21,     // card type of each dev/slot/sslot (never held with the module-table lock)
     GlobalSport = 22,  // sub-slot and panel port of a card type's chip ports
+    Sysport = 23,      // system ports
     SplitGphy = 30,    // split ports: module-port <-> gphyid (the three never held together)
     SplitLphy = 31,    // split ports: unit-port <-> lphyid
     SplitPort = 32,    // split ports: gslot + unit-port <-> lport
