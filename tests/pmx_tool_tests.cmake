@@ -141,6 +141,16 @@ pmx_db_test(query_modid_subcard ARGS "query|--load|${pmx_chassis}|--json|modid|3
 pmx_db_test(query_ifx_block ARGS "query|--load|${pmx_chassis}|ifx-block|0x0710190c" STDOUT_REGEX "ifx +301\n")
 pmx_db_test(query_ifx_block_wrong_cid EXPECT_FAIL ARGS "query|--load|${pmx_chassis}|ifx-block|0x0718190c"
   STDERR_REGEX "no present card whose cid is the phyid's cid field 3 .*\(-11 LIBPMX_E_FAIL\)")
+# Module ids of a card's units, the local chip ports, split ports and system ports; bad tuples
+# named with the rule they break.
+pmx_db_test(query_chip ARGS "query|--load|${pmx_chassis}|--json|chip|1/3/1" STDOUT_REGEX "\"core\":0,\"modid\":26}")
+pmx_db_test(query_chip_core EXPECT_FAIL ARGS "query|--load|${pmx_chassis}|chip|1/3/1/16"
+  STDERR_REGEX "core 16: a dev is 1 to 16, a slot 0 to 31, a core 0 to 15, .*\\(LIBPMX_E_INVAL\\)")
+pmx_db_test(query_unit_port ARGS "query|--load|${pmx_chassis}|--json|unit-port|1/4"
+  STDOUT_REGEX "\"lport\":8,\"core\":0,\"virtual_unit\":false,\"subcard_type\":0,\"scid\":0}")
+pmx_db_test(query_split ARGS "query|--load|${pmx_chassis}|split|16/16/2" STDOUT_REGEX "gphyid +0x07101010 ")
+pmx_db_test(query_sysport ARGS "query|--load|${pmx_chassis}|sysport|772" STDOUT_REGEX "lport +4\n  gphyid +0x0710190f ")
+pmx_db_test(query_bad_tuple EXPECT_FAIL ARGS "query|chip|1/3" STDERR_REGEX "'1/3' takes 3 to 4 numbers separated by '/'")
 # pmx dump: the library's tables filled from the records as the change callbacks fill them.
 pmx_db_test(dump_chipslot ARGS "dump|--load|${pmx_chassis}|chipslot"
   STDOUT_REGEX "0x000002  \t16 18 19 \t0xc\n.*0x000005  \t81 \t0x1a\n")

@@ -62,32 +62,6 @@ const Table *find_table(const std::string &name)
     return nullptr;
 }
 
-// Every followed record of the store, applied to this process's caches as the change callbacks
-// apply them, the catalogue's subscription order (the local identity first).
-int fill_caches(size_t *applied)
-{
-    void *ctx = qv_mom_get_thread_local_global();
-    for (uint32_t i = 0;; ++i) {
-        const libpmx_record_kind_t *kind = libpmx_record_kind_at(i);
-        if (kind == nullptr) break;
-        if (kind->followed == 0) continue;
-        const int rc = qv_mom_scan_sync(
-            ctx, kind->db, kind->record,
-            [](const char *, const ProtobufCMessage *record, void *arg) {
-                if (record != nullptr && libpmx_mom_record_apply(record, QV_MOM_EVENT_ADD) >= 0)
-                    ++*static_cast<size_t *>(arg);
-                return 0;
-            },
-            applied);
-        if (rc < 0) {
-            std::fprintf(stderr, "pmx: cannot scan %s in database %d (code %d)\n", kind->record->name,
-                         static_cast<int>(kind->db), rc);
-            return kExitFailed;
-        }
-    }
-    return kExitOk;
-}
-
 int dump(const DumpOptions &opt)
 {
     const Table *t = find_table(opt.table);
@@ -109,7 +83,7 @@ int dump(const DumpOptions &opt)
     if (!session.open(opt.db)) return kExitFailed;
     libpmx_cap_init(nullptr, "pmx");
     size_t applied = 0;
-    if (int rc = fill_caches(&applied); rc != kExitOk) return rc;
+    if (apply_followed_records(&applied) != 0) return kExitFailed;
     std::fflush(stdout);
     const int rc = libpmx_dbg_run_cmd(line.c_str());
     std::fflush(stdout);

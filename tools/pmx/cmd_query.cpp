@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include "db_session.h"
@@ -14,6 +15,9 @@
 #include "libpmx_errno.h"
 #include "libpmx_intf.h"
 #include "libpmx_mod.h"
+#include "libpmx_mom.h"
+#include "libpmx_port.h"
+#include "libpmx_split.h"
 #include "phyid_text.h"
 
 namespace pmx_tool
@@ -97,6 +101,92 @@ Answer modid(int32_t id, int32_t port, int mode)
     return a;
 }
 
+// "A/B[/C...]": between lo and hi numbers, each a 32-bit id; empty with *why on bad text.
+std::vector<int32_t> parse_tuple(const std::string &text, size_t lo, size_t hi, std::string *why)
+{
+    std::vector<int32_t> parts;
+    size_t begin = 0;
+    for (;;) {
+        const size_t end = text.find('/', begin);
+        const auto part = parse_id(text.substr(begin, end == std::string::npos ? end : end - begin), why);
+        if (!part) return {};
+        parts.push_back(static_cast<int32_t>(*part));
+        if (end == std::string::npos) break;
+        begin = end + 1;
+    }
+    if (parts.size() < lo || parts.size() > hi) {
+        *why = "'" + text + "' takes " + std::to_string(lo) + (lo == hi ? "" : " to " + std::to_string(hi)) +
+               " numbers separated by '/'";
+        return {};
+    }
+    return parts;
+}
+
+// The modid of a card's unit and core from its module table (read by its slot first with a mode
+// other than 0, and kept as the change callbacks keep it): dev/slot/unit[/core].
+Answer chip(const std::vector<int32_t> &t, int mode)
+{
+    Answer a;
+    const int32_t core = t.size() > 3 ? t[3] : 0;
+    int32_t modid = -1;
+    if (mode != 0) {
+        // The module table of that slot, read and kept as the change callbacks would keep it.
+        libpmx_mod_tbl_info_t info{};
+        if (libpmx_get_mod_tbl_from_dev_slot_sslot(t[0], t[1], 0, libpmx_mod_tbl_decode, &info, mode) == 0)
+            libpmx_add_mod_tbl(info.dev, info.slot, info.sslot, &info.tbl);
+    }
+    a.rc = libpmx_get_modid_by_dev_slot_unit_core(&modid, t[0], t[1], t[2], core);
+    if (a.rc == LIBPMX_OK)
+        a.fields = {{"dev", t[0]}, {"slot", t[1]}, {"unit", t[2]}, {"core", core}, {"modid", modid}};
+    return a;
+}
+
+// A chip port of the local card: its panel port, core, unit kind and subcard ids.
+Answer unit_port(const std::vector<int32_t> &t, int mode)
+{
+    Answer a;
+    libpmx_cap_init(nullptr, "pmx"); // the subcard-id switch
+    int32_t lport = -1, core = -1, subcard_type = 0, scid = 0;
+    a.rc = libpmx_get_coreid_by_unit_port_detail(t[0], t[1], &core, mode);
+    if (a.rc == LIBPMX_OK) a.rc = libpmx_get_subcard_type_scid_by_unit_port(t[0], t[1], &subcard_type, &scid, mode);
+    if (a.rc != LIBPMX_OK) return a;
+    const bool has_lport = libpmx_get_lport_by_unit_port_detail(t[0], t[1], &lport, 0) == LIBPMX_OK;
+    a.fields = {{"unit", t[0]},
+                {"port", t[1]},
+                {"lport", has_lport ? Json(lport) : Json(nullptr)},
+                {"core", core},
+                {"virtual_unit", libpmx_is_local_virtual_unit_port(t[0], t[1]) != 0},
+                {"subcard_type", subcard_type},
+                {"scid", scid}};
+    return a;
+}
+
+// The split ports of a module port: modid/port[/cid], cid -1 (the first) by default.
+Answer split(const std::vector<int32_t> &t)
+{
+    Answer a;
+    const auto cid = t.size() > 2 ? static_cast<uint32_t>(t[2]) : UINT32_MAX;
+    uint32_t gphyid = 0;
+    a.rc = libpmx_split_cache_get_phyid_by_mod_port(static_cast<uint32_t>(t[0]), static_cast<uint32_t>(t[1]), cid,
+                                                    &gphyid);
+    if (a.rc == LIBPMX_OK)
+        a.fields = {{"modid", t[0]}, {"port", t[1]}, {"cid", static_cast<int32_t>(cid)}, {"gphyid", phyid_json(gphyid)}};
+    return a;
+}
+
+Answer sysport(uint32_t id, int mode)
+{
+    Answer a;
+    uint32_t gphyid = 0;
+    a.rc = libpmx_get_phyid_by_sysport_detail(id, &gphyid, mode);
+    if (a.rc != LIBPMX_OK) return a;
+    int32_t dev = 0, slot = 0, sslot = 0, lport = 0;
+    libpmx_get_dev_slot_sslot_lport_by_sysport(id, &dev, &slot, &sslot, &lport);
+    a.fields = {{"sysport", id}, {"dev", dev}, {"slot", slot}, {"sslot", sslot}, {"lport", lport},
+                {"gphyid", phyid_json(gphyid)}};
+    return a;
+}
+
 Answer sub_ap(uint32_t phyid, int mode)
 {
     Answer a;
@@ -154,8 +244,76 @@ void print_plain(const Json &fields)
     }
 }
 
+// The queries whose id is a tuple, and how many numbers it takes.
+struct TupleQuery {
+    const char *what;
+    size_t lo, hi;
+};
+constexpr TupleQuery kTupleQueries[] = {{"chip", 3, 4}, {"unit-port", 2, 2}, {"split", 2, 3}};
+
+int print_answer(const QueryOptions &opt, const Answer &a, const std::string &described, const std::string &why)
+{
+    const std::string &w = opt.what;
+    if (a.rc != LIBPMX_OK) {
+        std::fprintf(stderr, "pmx: %s %s (mode %d): %s\n", w.c_str(), described.c_str(), opt.mode, why.c_str());
+        if (opt.json)
+            std::printf("%s\n", Json({{"query", w}, {"id", opt.id}, {"mode", opt.mode}, {"result", a.rc},
+                                      {"error", result_name(a.rc)}})
+                                    .dump()
+                                    .c_str());
+        return kExitFailed;
+    }
+    if (opt.json) {
+        Json out = {{"query", w}, {"id", opt.id}, {"mode", opt.mode}, {"result", 0}};
+        out.update(a.fields);
+        std::printf("%s\n", out.dump().c_str());
+    } else {
+        std::printf("%s %s (mode %d)\n", w.c_str(), described.c_str(), opt.mode);
+        print_plain(a.fields);
+    }
+    return kExitOk;
+}
+
+// Why a tuple query failed, naming the ids.
+std::string tuple_result_text(int rc, const std::string &w, const std::vector<int32_t> &t, int mode)
+{
+    if (w == "chip" && rc == LIBPMX_E_INVAL)
+        return "dev " + std::to_string(t[0]) + " slot " + std::to_string(t[1]) + " unit " + std::to_string(t[2]) +
+               " core " + std::to_string(t.size() > 3 ? t[3] : 0) +
+               ": a dev is 1 to 16, a slot 0 to 31, a core 0 to 15, and the unit one of the card's units (" +
+               result_name(rc) + ")";
+    if (rc == LIBPMX_E_NOT_FOUND)
+        return std::string(mode == 0 ? "not in the caches of this process (mode 0 does not read the database)"
+                                     : "not found, in the caches or in the database") +
+               " (" + result_name(rc) + ")";
+    if (rc == LIBPMX_E_SPLIT_IGNORED) return "split ports are ignored by this thread (" + result_name(rc) + ")";
+    return result_name(rc);
+}
+
+int tuple_query(const QueryOptions &opt, const TupleQuery &q)
+{
+    std::string why;
+    const std::vector<int32_t> t = parse_tuple(opt.id, q.lo, q.hi, &why);
+    if (t.empty()) {
+        std::fprintf(stderr, "pmx: %s\n", why.c_str());
+        return kExitUsage;
+    }
+    DbSession session;
+    if (!session.open(opt.db)) return kExitFailed;
+    const std::string &w = opt.what;
+    Answer a = w == "chip" ? chip(t, opt.mode) : w == "unit-port" ? unit_port(t, opt.mode) : split(t);
+    if (w == "split" && a.rc == LIBPMX_E_NOT_FOUND) {
+        // The split maps are filled by the records of split ports: apply them, then ask again.
+        apply_followed_records();
+        a = split(t);
+    }
+    return print_answer(opt, a, opt.id, tuple_result_text(a.rc, w, t, opt.mode));
+}
+
 int query(const QueryOptions &opt)
 {
+    for (const TupleQuery &q : kTupleQueries)
+        if (opt.what == q.what) return tuple_query(opt, q);
     std::string why;
     const auto id = parse_id(opt.id, &why);
     if (!id) {
@@ -167,7 +325,9 @@ int query(const QueryOptions &opt)
 
     Answer a;
     const std::string &w = opt.what;
-    if (w == "phyid")
+    if (w == "sysport")
+        a = sysport(*id, opt.mode);
+    else if (w == "phyid")
         a = phyid_of_ifx(*id, opt.mode);
     else if (w == "ifx")
         a = ifx_of_phyid(*id, opt.mode);
@@ -184,25 +344,7 @@ int query(const QueryOptions &opt)
     else
         a = scid(static_cast<int32_t>(*id), opt.mode);
 
-    if (a.rc != LIBPMX_OK) {
-        std::fprintf(stderr, "pmx: %s %s (mode %d): %s\n", w.c_str(), describe_id(w, *id).c_str(), opt.mode,
-                     result_text(a.rc, w, *id, opt.mode).c_str());
-        if (opt.json)
-            std::printf("%s\n", Json({{"query", w}, {"id", opt.id}, {"mode", opt.mode}, {"result", a.rc},
-                                      {"error", result_name(a.rc)}})
-                                    .dump()
-                                    .c_str());
-        return kExitFailed;
-    }
-    if (opt.json) {
-        Json out = {{"query", w}, {"id", opt.id}, {"mode", opt.mode}, {"result", 0}};
-        out.update(a.fields);
-        std::printf("%s\n", out.dump().c_str());
-    } else {
-        std::printf("%s %s (mode %d)\n", w.c_str(), describe_id(w, *id).c_str(), opt.mode);
-        print_plain(a.fields);
-    }
-    return kExitOk;
+    return print_answer(opt, a, describe_id(w, *id), result_text(a.rc, w, *id, opt.mode));
 }
 
 } // namespace
@@ -218,6 +360,10 @@ Command add_query_command(CLI::App &app)
                 "                       card is present (types 7 and 25; --mode is not used)\n"
                 "  modid MODID          where a module id sits, and its card's types and cid for\n"
                 "                       one of its chip ports (--port, default 0)\n"
+                "  chip DEV/SLOT/UNIT[/CORE]  the module id of a card's unit and core\n"
+                "  unit-port UNIT/PORT  a chip port of the local card: panel port, core, subcard ids\n"
+                "  split MODID/PORT[/CID]  the gphyid of a split port's module port (cid: which one)\n"
+                "  sysport SYSPORT      the port a system port names\n"
                 "  sub-ap PHYID         the record of a sub-AP phyid (type 20)\n"
                 "  sub-route PHYID      the record of a sub-route phyid (type 19)\n"
                 "  cid CARD_TYPE        the card id of a card type (--subcard-type)\n"
@@ -231,7 +377,8 @@ Command add_query_command(CLI::App &app)
                 "  pmx query --load examples/chassis/small.json modid 25 --port 12 --mode 2");
     sub->add_option("what", opt->what, "What to ask")
         ->required()
-        ->check(CLI::IsMember({"phyid", "ifx", "ifx-block", "modid", "sub-ap", "sub-route", "cid", "scid"}));
+        ->check(CLI::IsMember({"phyid", "ifx", "ifx-block", "modid", "chip", "unit-port", "split", "sysport", "sub-ap",
+                               "sub-route", "cid", "scid"}));
     sub->add_option("id", opt->id, "The id asked about")->required();
     sub->add_option("--mode", opt->mode, "Read mode: 0, 1 or 2")->check(CLI::Range(0, 2));
     sub->add_option("--subcard-type", opt->subcard_type, "Subcard type of a cid query (default 0)");

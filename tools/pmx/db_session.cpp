@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "libpmx_mom.h"
+
 namespace pmx_tool
 {
 namespace
@@ -106,6 +108,32 @@ int DbSession::write_batch(const std::vector<Record> &records, size_t begin, siz
         }
     *failed = begin;
     return rc;
+}
+
+int apply_followed_records(size_t *applied)
+{
+    size_t count = 0;
+    void *ctx = qv_mom_get_thread_local_global();
+    for (uint32_t i = 0;; ++i) {
+        const libpmx_record_kind_t *kind = libpmx_record_kind_at(i);
+        if (kind == nullptr) break;
+        if (kind->followed == 0) continue;
+        const int rc = qv_mom_scan_sync(
+            ctx, kind->db, kind->record,
+            [](const char *, const ProtobufCMessage *record, void *arg) {
+                if (record != nullptr && libpmx_mom_record_apply(record, QV_MOM_EVENT_ADD) >= 0)
+                    ++*static_cast<size_t *>(arg);
+                return 0;
+            },
+            &count);
+        if (rc < 0) {
+            fail("cannot scan " + std::string(kind->record->name) + " in database " + std::to_string(kind->db) +
+                 ": " + mom_error_text(rc));
+            return rc;
+        }
+    }
+    if (applied != nullptr) *applied = count;
+    return 0;
 }
 
 long DbSession::load(const std::string &path)

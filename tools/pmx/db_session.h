@@ -22,6 +22,11 @@ struct DbOptions {
     std::vector<std::string> loads; // record files written before the command runs
 };
 
+// Every followed record of the attached store applied to this process's caches as the library's
+// change callbacks apply them, in the catalogue's subscription order (the local identity first);
+// *applied (may be null) counts them. 0, or the client's code of a scan that failed (printed).
+int apply_followed_records(size_t *applied = nullptr);
+
 // Adds --db and --load to a subcommand.
 void add_db_options(CLI::App *sub, DbOptions *opt);
 
