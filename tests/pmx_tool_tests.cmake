@@ -157,6 +157,11 @@ pmx_db_test(dump_chipslot ARGS "dump|--load|${pmx_chassis}|chipslot"
 pmx_db_test(dump_split_port ARGS "dump|--load|${pmx_chassis}|split-port"
   STDOUT_REGEX "\\|  1\\|   2\\|    0\\|   0\\|  16\\|    4\\|\n.*total 2\n")
 pmx_db_test(dump_port_table ARGS "dump|--load|${pmx_chassis}|port-table" STDOUT_REGEX "    8 \\|    1 \\|    4 \\|.*total 8 ports, lport_num 8")
+pmx_db_test(dump_json_chipslot ARGS "dump|--load|${pmx_chassis}|--json|chipslot|gslot=5"
+  STDOUT_REGEX "^{\"table\":\"chipslot\",\"rows\":\\[{\"gslot\":\"0x00000005\",\"status\":\"alloc\",\"card_type\":26,\"fuid_num\":1,\"modids\":\"81\"}\\],\"total\":1}\n$")
+pmx_db_test(dump_json_sysport ARGS "dump|--load|${pmx_chassis}|--json|sysport"
+  STDOUT_REGEX "{\"sysport\":772,\"dev\":1,\"slot\":3,\"sslot\":0,\"lport\":4,\"gphyid\":\"0x0710190f\"}.*\"total\":28}\n$")
+pmx_db_test(dump_json_none EXPECT_FAIL ARGS "dump|--json|cap" STDERR_REGEX "table 'cap' has no JSON form")
 pmx_db_test(dump_bad_argument EXPECT_FAIL ARGS "dump|--load|${pmx_chassis}|chipslot|slot=3" STDOUT_REGEX "usage: dump_chipslot")
 pmx_db_test(dump_unknown_table EXPECT_FAIL ARGS "dump|nope" STDERR_REGEX "no table 'nope'")
 pmx_db_test(query_bad_id EXPECT_FAIL ARGS "query|ifx|0x1g" STDERR_REGEX "^pmx: '0x1g' is not a 32-bit id \\(decimal, or hex with 0x\\)\n$")

@@ -14,6 +14,7 @@
 
 #include "libpmx_dbg.h"
 #include "libpmx_dbg_args.hpp"
+#include "libpmx_dbg_json.hpp"
 #include "libpmx_errno.h"
 #include "libpmx_intf_lock.hpp"
 #include "libpmx_intf_table.hpp"
@@ -89,8 +90,21 @@ template <class F> void without_throwing(F dump) noexcept
     }
 }
 
+void print_json_rows(const std::vector<libpmx_intf_info_t> &rows)
+{
+    pmx::JsonTable t("interfaces");
+    for (const auto &r : rows)
+        t.row({pmx::num("ifx", r.ifx), pmx::hex("gphyid", r.gphyid), pmx::hex("lphyid", r.lphyid),
+               pmx::num("modid", r.modid), pmx::num("mport", r.mport), pmx::num("unit", r.unit),
+               pmx::num("port", r.port), pmx::num("dev", r.dev), pmx::num("slot", r.slot), pmx::num("sslot", r.sslot),
+               pmx::num("lport", r.lport), pmx::num("vid", r.vid), pmx::num("llcbtype", r.llcbtype),
+               pmx::num("is_valid", r.is_valid), pmx::num("core", r.core)});
+    t.end();
+}
+
 void print_rows(const std::vector<libpmx_intf_info_t> &rows, uint32_t all)
 {
+    if (pmx::dump_json()) return print_json_rows(rows);
     FILE *out = ssat_out();
     print_header(out);
     for (const auto &r : rows) print_row(out, r);
@@ -99,25 +113,28 @@ void print_rows(const std::vector<libpmx_intf_info_t> &rows, uint32_t all)
 
 int cmd_dump_ifx(const char *args)
 {
-    pmx::DbgArgs a(args, {"ifx"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_ifx_tbl", "[ifx=%u]", a.error());
+    pmx::DbgArgs a(args, {"ifx", "json"});
+    pmx::JsonScope json(a.get("json", 0) != 0);
+    if (!a.error().empty()) return pmx::dbg_usage("dump_ifx_tbl", "[ifx=%u] [json=1]", a.error());
     libpmx_dump_ifx_tbl(static_cast<uint32_t>(a.get("ifx", 0)));
     return LIBPMX_OK;
 }
 
 int cmd_dump_phy(const char *args)
 {
-    pmx::DbgArgs a(args, {"phyid"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_phy_tbl", "[phyid=%x]", a.error());
+    pmx::DbgArgs a(args, {"phyid", "json"});
+    pmx::JsonScope json(a.get("json", 0) != 0);
+    if (!a.error().empty()) return pmx::dbg_usage("dump_phy_tbl", "[phyid=%x] [json=1]", a.error());
     libpmx_dump_phy_tbl(static_cast<uint32_t>(a.get("phyid", 0)));
     return LIBPMX_OK;
 }
 
 int cmd_dump_dev_slot(const char *args)
 {
-    pmx::DbgArgs a(args, {"dev", "slot"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_ifx_tbl_by_dev_slot", "dev=%d [slot=%d]", a.error());
-    if (a.get("dev", -1) < 0) return pmx::dbg_usage("dump_ifx_tbl_by_dev_slot", "dev=%d [slot=%d]", "dev is needed");
+    pmx::DbgArgs a(args, {"dev", "slot", "json"});
+    pmx::JsonScope json(a.get("json", 0) != 0);
+    if (!a.error().empty()) return pmx::dbg_usage("dump_ifx_tbl_by_dev_slot", "dev=%d [slot=%d] [json=1]", a.error());
+    if (a.get("dev", -1) < 0) return pmx::dbg_usage("dump_ifx_tbl_by_dev_slot", "dev=%d [slot=%d] [json=1]", "dev is needed");
     libpmx_dump_ifx_tbl_by_dev_slot(static_cast<int32_t>(a.get("dev", -1)), static_cast<int32_t>(a.get("slot", -1)));
     return LIBPMX_OK;
 }
@@ -135,7 +152,8 @@ int cmd_index(const char *args)
 
 int cmd_dump_ordered(const char *args)
 {
-    pmx::DbgArgs a(args, {"by"});
+    pmx::DbgArgs a(args, {"by", "json"});
+    pmx::JsonScope json(a.get("json", 0) != 0);
     const int64_t by = a.get("by", LIBPMX_INTF_ORDER_IFX);
     if (!a.error().empty() || by < LIBPMX_INTF_ORDER_IFX || by > LIBPMX_INTF_ORDER_DEV_SLOT)
         return pmx::dbg_usage("dump_ifx_tbl_ordered_by", "by=0|1|2  (0 ifx, 1 gphyid, 2 dev/slot/sslot/lport)",

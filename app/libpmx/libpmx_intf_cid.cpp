@@ -6,6 +6,7 @@
 #include "libpmx_cap.h"
 #include "libpmx_dbg.h"
 #include "libpmx_dbg_args.hpp"
+#include "libpmx_dbg_json.hpp"
 #include "libpmx_errno.h"
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
@@ -23,14 +24,20 @@ using pmx::Guard;
 struct CidFilter {
     int32_t card_type;
     int32_t subcard_type;
+    pmx::JsonTable *json; // the JSON form's table, or null
 };
 
 int print_cid_row(void *entry, void *arg)
 {
     const auto *r = static_cast<const libpmx_card_addr_id_t *>(entry);
     const auto *f = static_cast<const CidFilter *>(arg);
-    if (f->card_type == 0 ||
-        (static_cast<int32_t>(r->card_type) == f->card_type && static_cast<int32_t>(r->subcard_type) == f->subcard_type))
+    const bool shown = f->card_type == 0 || (static_cast<int32_t>(r->card_type) == f->card_type &&
+                                             static_cast<int32_t>(r->subcard_type) == f->subcard_type);
+    if (shown && f->json != nullptr)
+        f->json->row({pmx::num("card_type", static_cast<int32_t>(r->card_type)),
+                      pmx::num("subcard_type", static_cast<int32_t>(r->subcard_type)),
+                      pmx::num("cid", static_cast<int32_t>(r->cid))});
+    else if (shown)
         ssat_printf("%-12d|%-12d|%-3d\n", static_cast<int32_t>(r->card_type), static_cast<int32_t>(r->subcard_type),
                     static_cast<int32_t>(r->cid));
     return 0;
@@ -40,15 +47,20 @@ int print_scid_row(void *entry, void *arg)
 {
     const auto *r = static_cast<const libpmx_subcard_type_id_t *>(entry);
     const auto *f = static_cast<const CidFilter *>(arg);
-    if (f->subcard_type == 0 || static_cast<int32_t>(r->subcard_type) == f->subcard_type)
+    const bool shown = f->subcard_type == 0 || static_cast<int32_t>(r->subcard_type) == f->subcard_type;
+    if (shown && f->json != nullptr)
+        f->json->row({pmx::num("subcard_type", static_cast<int32_t>(r->subcard_type)),
+                      pmx::num("scid", static_cast<int32_t>(r->cid))});
+    else if (shown)
         ssat_printf("%-12d|%-3d\n", static_cast<int32_t>(r->subcard_type), static_cast<int32_t>(r->cid));
     return 0;
 }
 
 int cmd_dump_cid(const char *args)
 {
-    pmx::DbgArgs a(args, {"card_type", "subcard_type"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_cid_tbl", "[card_type=%d] [subcard_type=%d]", a.error());
+    pmx::DbgArgs a(args, {"card_type", "subcard_type", "json"});
+    if (!a.error().empty()) return pmx::dbg_usage("dump_cid_tbl", "[card_type=%d] [subcard_type=%d] [json=1]", a.error());
+    pmx::JsonScope json(a.get("json", 0) != 0);
     libpmx_dump_cid_tbl(static_cast<int32_t>(a.get("card_type", 0)), static_cast<int32_t>(a.get("subcard_type", 0)));
     return LIBPMX_OK;
 }
@@ -179,8 +191,19 @@ extern "C" int libpmx_get_scid_with_subcard_type(int32_t subcard_type, int32_t *
 
 extern "C" void libpmx_dump_cid_tbl(int32_t card_type, int32_t subcard_type)
 {
-    CidFilter f{card_type, subcard_type};
+    CidFilter f{card_type, subcard_type, nullptr};
     Guard g(pmx::g_intf_lock, Access::Read);
+    if (pmx::dump_json()) {
+        pmx::JsonTable cids("card_ids");
+        f.json = &cids;
+        libpmx_card_addr_id_entry_each_item_op(print_cid_row, &f, 1);
+        cids.end();
+        pmx::JsonTable scids("subcard_ids");
+        f.json = &scids;
+        libpmx_subcard_type_id_entry_each_item_op(print_scid_row, &f, 1);
+        scids.end();
+        return;
+    }
     ssat_printf("\n%-12s|%-12s|%-3s\n", "card_type", "subcard_type", "cid");
     libpmx_card_addr_id_entry_each_item_op(print_cid_row, &f, 1);
     ssat_printf("\n%-12s|%-3s\n", "subcard_type", "scid");

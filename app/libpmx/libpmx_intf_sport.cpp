@@ -9,6 +9,7 @@
 
 #include "libpmx_dbg.h"
 #include "libpmx_dbg_args.hpp"
+#include "libpmx_dbg_json.hpp"
 #include "libpmx_errno.h"
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
@@ -70,8 +71,9 @@ int collect(void *entry, void *arg)
 
 int cmd_dump_global_sport(const char *args)
 {
-    pmx::DbgArgs a(args, {});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_global_sport", "", a.error());
+    pmx::DbgArgs a(args, {"json"});
+    if (!a.error().empty()) return pmx::dbg_usage("dump_global_sport", "[json=1]", a.error());
+    pmx::JsonScope json(a.get("json", 0) != 0);
     libpmx_dump_global_sport();
     return LIBPMX_OK;
 }
@@ -133,6 +135,14 @@ extern "C" void libpmx_dump_global_sport(void)
         if (a.card_type != b.card_type) return a.card_type < b.card_type;
         return a.unit != b.unit ? a.unit < b.unit : a.port < b.port;
     });
+    if (pmx::dump_json()) {
+        pmx::JsonTable t("global_sport");
+        for (const libpmx_global_sport_t &r : rows)
+            t.row({pmx::num("card_type", static_cast<int32_t>(r.card_type)), pmx::num("unit", r.unit),
+                   pmx::num("port", r.port), pmx::num("sslot", r.sslot), pmx::num("lport", r.lport)});
+        t.end();
+        return;
+    }
     ssat_printf("%-10s | %4s | %4s | %5s | %5s\n", "card_type", "unit", "port", "sslot", "lport");
     for (const libpmx_global_sport_t &r : rows)
         ssat_printf("%-10d | %4d | %4d | %5d | %5d\n", static_cast<int32_t>(r.card_type), r.unit, r.port, r.sslot,

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "libpmx_dbg_args.hpp"
+#include "libpmx_dbg_json.hpp"
 #include "libpmx_errno.h"
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
@@ -78,6 +79,12 @@ struct SubAp {
     {
         ssat_printf("|%-8u|0x%-8x|%-8u|%-8u|0x%-10x|\n", r.ifx, r.phyid, r.evlan, r.trunk, r.master_phyid);
     }
+    static constexpr const char *kTable = "sub_ap";
+    static void json_row(pmx::JsonTable &t, const Rec &r)
+    {
+        t.row({pmx::num("ifx", r.ifx), pmx::hex("phyid", r.phyid), pmx::num("evlan", r.evlan),
+               pmx::num("trunk", r.trunk), pmx::hex("master_phyid", r.master_phyid)});
+    }
 };
 
 // The sub-route kind: no trunk, and texts of its own.
@@ -134,6 +141,12 @@ struct SubRoute {
     }
     static void header() { ssat_printf("|%-8s|%-10s|%-8s|%-12s|\n", "ifx", "phyid", "evlan", "master_phyid"); }
     static void row(const Rec &r) { ssat_printf("|%-8u|0x%-8x|%-8u|0x%-10x|\n", r.ifx, r.phyid, r.evlan, r.master_phyid); }
+    static constexpr const char *kTable = "sub_route";
+    static void json_row(pmx::JsonTable &t, const Rec &r)
+    {
+        t.row({pmx::num("ifx", r.ifx), pmx::hex("phyid", r.phyid), pmx::num("evlan", r.evlan),
+               pmx::hex("master_phyid", r.master_phyid)});
+    }
 };
 
 template <class Rec> bool same_bytes(const Rec &a, const Rec &b)
@@ -266,8 +279,27 @@ template <class K> void for_each_with_rdlock(int (*op)(void *, void *), void *ar
     K::for_each(op, arg, sorted);
 }
 
+// The JSON form: the one record of ifx (none: no rows), or every record in ifx order.
+template <class K> void dump_json(uint32_t ifx)
+{
+    pmx::JsonTable t(K::kTable);
+    pmx::Guard guard(K::lock(), pmx::Access::Read);
+    if (ifx != 0) {
+        if (const typename K::Rec *r = K::get(ifx)) K::json_row(t, *r);
+    } else {
+        K::for_each(
+            [](void *entry, void *arg) {
+                K::json_row(*static_cast<pmx::JsonTable *>(arg), *static_cast<const typename K::Rec *>(entry));
+                return 0;
+            },
+            &t, 1);
+    }
+    t.end();
+}
+
 template <class K> void dump(uint32_t ifx)
 {
+    if (pmx::dump_json()) return dump_json<K>(ifx);
     K::header();
     pmx::Guard guard(K::lock(), pmx::Access::Read);
     if (ifx != 0) {
@@ -290,8 +322,9 @@ template <class K> void dump(uint32_t ifx)
 
 int dump_cmd(const char *name, const char *args, void (*dump_fn)(uint32_t))
 {
-    pmx::DbgArgs a(args, {"ifx"});
-    if (!a.error().empty()) return pmx::dbg_usage(name, "ifx=%u (0 or none for all)", a.error());
+    pmx::DbgArgs a(args, {"ifx", "json"});
+    if (!a.error().empty()) return pmx::dbg_usage(name, "ifx=%u (0 or none for all) [json=1]", a.error());
+    pmx::JsonScope json(a.get("json", 0) != 0);
     dump_fn(static_cast<uint32_t>(a.get("ifx", 0)));
     return LIBPMX_OK;
 }

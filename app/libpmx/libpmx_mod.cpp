@@ -8,11 +8,13 @@
 
 #include <algorithm>
 #include <new>
+#include <string>
 #include <vector>
 
 #include "libpmx_cap.h"
 #include "libpmx_dbg.h"
 #include "libpmx_dbg_args.hpp"
+#include "libpmx_dbg_json.hpp"
 #include "libpmx_errno.h"
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
@@ -141,11 +143,21 @@ int local_modid_by_unit_core(uint32_t unit, int32_t core, int32_t *modid)
 
 // ---- dumps ----
 
+// What a dump shows: rows of one key (0: all), and the JSON form's table when asked for.
+struct DumpFilter {
+    int32_t want;
+    pmx::JsonTable *json;
+};
+
 int print_res_row(void *entry, void *arg)
 {
     const auto *r = static_cast<const chipid_res_t *>(entry);
-    const int32_t want = *static_cast<const int32_t *>(arg);
-    if (want == 0 || static_cast<int32_t>(r->modid) == want)
+    const auto *f = static_cast<const DumpFilter *>(arg);
+    if (f->want != 0 && static_cast<int32_t>(r->modid) != f->want) return 0;
+    if (f->json != nullptr)
+        f->json->row({pmx::num("modid", r->modid), pmx::hex("gslot", r->gslot), pmx::num("unit", r->unit),
+                      pmx::num("valid", r->valid), pmx::num("coreid", r->coreid), pmx::num("type", r->type)});
+    else
         ssat_printf("%6d\t  %#08x\t%-6d %-8d %d\n", static_cast<int32_t>(r->modid), r->gslot,
                     static_cast<int32_t>(r->unit), static_cast<int32_t>(r->coreid), static_cast<int32_t>(r->type));
     return 0;
@@ -157,11 +169,32 @@ void print_modids(const ce_pmx_fuid_info_per_slot_t &r)
         for (uint32_t j = 0; j < ids_of(r.fuid[i]); ++j) ssat_printf("%d ", static_cast<int32_t>(r.fuid[i].modid[j]));
 }
 
+const char *status_text(uint32_t status)
+{
+    return status == LIBPMX_MOD_TBL_ALLOC ? "alloc" : status == LIBPMX_MOD_TBL_LIMIT ? "limit"
+                                                   : status == LIBPMX_MOD_TBL_NONE  ? "none"
+                                                                                     : "unknown";
+}
+
+void json_slot_row(pmx::JsonTable &t, const ce_pmx_fuid_info_per_slot_t &r)
+{
+    std::string ids;
+    for (uint32_t i = 0; i < units_in_use(r); ++i)
+        for (uint32_t j = 0; j < ids_of(r.fuid[i]); ++j)
+            ids += (ids.empty() ? "" : " ") + std::to_string(r.fuid[i].modid[j]);
+    t.row({pmx::hex("gslot", r.gslot), pmx::text("status", status_text(r.status)),
+           pmx::num("card_type", r.card_type), pmx::num("fuid_num", r.fuid_num), pmx::text("modids", ids.c_str())});
+}
+
 int print_slot_row(void *entry, void *arg)
 {
     const auto *r = static_cast<const ce_pmx_fuid_info_per_slot_t *>(entry);
-    const int32_t want = *static_cast<const int32_t *>(arg);
-    if (want != 0 && static_cast<int32_t>(r->gslot) != want) return 0;
+    const auto *f = static_cast<const DumpFilter *>(arg);
+    if (f->want != 0 && static_cast<int32_t>(r->gslot) != f->want) return 0;
+    if (f->json != nullptr) {
+        json_slot_row(*f->json, *r);
+        return 0;
+    }
     ssat_printf("%#08x  \t", r->gslot);
     if (r->status == LIBPMX_MOD_TBL_ALLOC)
         print_modids(*r);
@@ -173,9 +206,15 @@ int print_slot_row(void *entry, void *arg)
     return 0;
 }
 
-int print_card_info_row(void *entry, void *)
+int print_card_info_row(void *entry, void *arg)
 {
     const auto *r = static_cast<const libpmx_card_info_t *>(entry);
+    if (auto *json = static_cast<pmx::JsonTable *>(arg); json != nullptr) {
+        json->row({pmx::num("dev", static_cast<int32_t>(r->dev)), pmx::num("slot", static_cast<int32_t>(r->slot)),
+                   pmx::num("sslot", static_cast<int32_t>(r->sslot)),
+                   pmx::num("card_type", static_cast<int32_t>(r->card_info))});
+        return 0;
+    }
     ssat_printf("dev:%d slot:%d sslot:%d card_type:%d\n", static_cast<int32_t>(r->dev), static_cast<int32_t>(r->slot),
                 static_cast<int32_t>(r->sslot), static_cast<int32_t>(r->card_info));
     return 0;
@@ -183,16 +222,18 @@ int print_card_info_row(void *entry, void *)
 
 int cmd_dump_chipid_res(const char *args)
 {
-    pmx::DbgArgs a(args, {"modid"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_chipid_res", "[modid=%d]", a.error());
+    pmx::DbgArgs a(args, {"modid", "json"});
+    if (!a.error().empty()) return pmx::dbg_usage("dump_chipid_res", "[modid=%d] [json=1]", a.error());
+    pmx::JsonScope json(a.get("json", 0) != 0);
     libpmx_dump_chipid_res(static_cast<int32_t>(a.get("modid", 0)));
     return LIBPMX_OK;
 }
 
 int cmd_dump_chipslot(const char *args)
 {
-    pmx::DbgArgs a(args, {"gslot"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_chipslot", "[gslot=%d]", a.error());
+    pmx::DbgArgs a(args, {"gslot", "json"});
+    if (!a.error().empty()) return pmx::dbg_usage("dump_chipslot", "[gslot=%d] [json=1]", a.error());
+    pmx::JsonScope json(a.get("json", 0) != 0);
     libpmx_dump_chipslot(static_cast<int32_t>(a.get("gslot", 0)));
     return LIBPMX_OK;
 }
@@ -207,8 +248,9 @@ int cmd_dump_local_modid(const char *args)
 
 int cmd_dump_card_info(const char *args)
 {
-    pmx::DbgArgs a(args, {});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_card_info", "", a.error());
+    pmx::DbgArgs a(args, {"json"});
+    if (!a.error().empty()) return pmx::dbg_usage("dump_card_info", "[json=1]", a.error());
+    pmx::JsonScope json(a.get("json", 0) != 0);
     libpmx_dbg_dump_card_info();
     return LIBPMX_OK;
 }
@@ -350,6 +392,12 @@ extern "C" int libpmx_cache_del_card_info(const libpmx_card_info_t *info)
 extern "C" void libpmx_dbg_dump_card_info(void)
 {
     Guard g(g_card_info_lock, Access::Read);
+    if (pmx::dump_json()) {
+        pmx::JsonTable t("card_info");
+        libpmx_card_info_entry_each_item_op(print_card_info_row, &t, 1);
+        t.end();
+        return;
+    }
     libpmx_card_info_entry_each_item_op(print_card_info_row, nullptr, 1);
 }
 
@@ -770,17 +818,33 @@ extern "C" int32_t libpmx_get_system_invalid_modid(void)
 extern "C" void libpmx_dump_chipid_res(int32_t modid)
 {
     Guard g(g_mod_lock, Access::Read);
+    DumpFilter f{modid, nullptr};
+    if (pmx::dump_json()) {
+        pmx::JsonTable t("chipid_res");
+        f.json = &t;
+        libpmx_chipid_res_entry_each_item_op(print_res_row, &f, 1);
+        t.end();
+        return;
+    }
     ssat_printf("\ndisplay chip id[%d] resource\n", modid);
     ssat_printf("chipid\t  gslot   \tunit   coreid   type\n");
-    libpmx_chipid_res_entry_each_item_op(print_res_row, &modid, 1);
+    libpmx_chipid_res_entry_each_item_op(print_res_row, &f, 1);
 }
 
 extern "C" void libpmx_dump_chipslot(int32_t gslot)
 {
     Guard g(g_mod_lock, Access::Read);
+    DumpFilter f{gslot, nullptr};
+    if (pmx::dump_json()) {
+        pmx::JsonTable t("chipslot");
+        f.json = &t;
+        libpmx_ce_pmx_fuid_info_per_slot_entry_each_item_op(print_slot_row, &f, 1);
+        t.end();
+        return;
+    }
     ssat_printf("\ndisplay chip slot[%d] resource\n", gslot);
     ssat_printf("gslot   \tidnum_per_unit\tchipid\tcard_type\n");
-    libpmx_ce_pmx_fuid_info_per_slot_entry_each_item_op(print_slot_row, &gslot, 1);
+    libpmx_ce_pmx_fuid_info_per_slot_entry_each_item_op(print_slot_row, &f, 1);
 }
 
 extern "C" void libpmx_dump_local_modid(void)

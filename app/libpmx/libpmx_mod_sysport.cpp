@@ -4,10 +4,12 @@
 #include "libpmx_log.h"
 
 #include <algorithm>
+#include <optional>
 #include <vector>
 
 #include "libpmx_dbg.h"
 #include "libpmx_dbg_args.hpp"
+#include "libpmx_dbg_json.hpp"
 #include "libpmx_errno.h"
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
@@ -58,8 +60,9 @@ int collect(void *entry, void *arg)
 
 int cmd_dump_sysport(const char *args)
 {
-    pmx::DbgArgs a(args, {});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_sysport", "", a.error());
+    pmx::DbgArgs a(args, {"json"});
+    if (!a.error().empty()) return pmx::dbg_usage("dump_sysport", "[json=1]", a.error());
+    pmx::JsonScope json(a.get("json", 0) != 0);
     libpmx_dump_sysport();
     return LIBPMX_OK;
 }
@@ -174,11 +177,22 @@ extern "C" void libpmx_dump_sysport(void)
     }
     std::sort(rows.begin(), rows.end(),
               [](const libpmx_sysport_t &a, const libpmx_sysport_t &b) { return a.sysport < b.sysport; });
-    ssat_printf("%-8s | %3s | %4s | %5s | %5s | %s\n", "sysport", "dev", "slot", "sslot", "lport", "gphyid");
+    std::optional<pmx::JsonTable> json;
+    if (pmx::dump_json())
+        json.emplace("sysport");
+    else
+        ssat_printf("%-8s | %3s | %4s | %5s | %5s | %s\n", "sysport", "dev", "slot", "sslot", "lport", "gphyid");
     for (const libpmx_sysport_t &r : rows) {
         int32_t dev = 0, slot = 0, sslot = 0, lport = 0;
         libpmx_get_dev_slot_sslot_lport_by_sysport(r.sysport, &dev, &slot, &sslot, &lport);
-        ssat_printf("%-8u | %3d | %4d | %5d | %5d | 0x%08x\n", r.sysport, dev, slot, sslot, lport, r.phyid);
+        if (json)
+            json->row({pmx::num("sysport", r.sysport), pmx::num("dev", dev), pmx::num("slot", slot),
+                       pmx::num("sslot", sslot), pmx::num("lport", lport), pmx::hex("gphyid", r.phyid)});
+        else
+            ssat_printf("%-8u | %3d | %4d | %5d | %5d | 0x%08x\n", r.sysport, dev, slot, sslot, lport, r.phyid);
     }
-    ssat_printf("total %zu\n", rows.size());
+    if (json)
+        json->end();
+    else
+        ssat_printf("total %zu\n", rows.size());
 }

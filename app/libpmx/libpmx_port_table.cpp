@@ -11,6 +11,7 @@
 
 #include "libpmx_dbg.h"
 #include "libpmx_dbg_args.hpp"
+#include "libpmx_dbg_json.hpp"
 #include "libpmx_errno.h"
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
@@ -80,8 +81,9 @@ void load_bp_range()
 
 int cmd_dump_port_table(const char *args)
 {
-    pmx::DbgArgs a(args, {});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_port_table", "", a.error());
+    pmx::DbgArgs a(args, {"json"});
+    if (!a.error().empty()) return pmx::dbg_usage("dump_port_table", "[json=1]", a.error());
+    pmx::JsonScope json(a.get("json", 0) != 0);
     libpmx_dump_port_table();
     return LIBPMX_OK;
 }
@@ -385,6 +387,16 @@ extern "C" void libpmx_dump_port_table(void)
         if (a.lport != b.lport) return a.lport < b.lport;
         return std::make_pair(a.unit, a.port) < std::make_pair(b.unit, b.port);
     });
+    if (pmx::dump_json()) {
+        pmx::JsonTable t("port_table");
+        for (const libpmx_port_info_t &r : rows)
+            t.row({pmx::num("lport", r.lport), pmx::num("unit", r.unit), pmx::num("port", r.port),
+                   pmx::num("core", r.core), pmx::text("unit_kind", r.unit_type == 1 ? "virtual" : "physical"),
+                   pmx::num("card_type", r.card_type),
+                   pmx::num("online", r.lport >= 0 && libpmx_port_lport_is_online(r.lport))});
+        t.end();
+        return;
+    }
     ssat_printf("%5s | %4s | %4s | %4s | %-8s | %9s | %s\n", "lport", "unit", "port", "core", "unit", "card_type",
                 "online");
     for (const libpmx_port_info_t &r : rows)

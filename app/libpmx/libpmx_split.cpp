@@ -7,8 +7,11 @@
 
 #include <unistd.h>
 
+#include <optional>
+
 #include "libpmx_dbg.h"
 #include "libpmx_dbg_args.hpp"
+#include "libpmx_dbg_json.hpp"
 #include "libpmx_errno.h"
 #include "libpmx_hash.h"
 #include "libpmx_lock.hpp"
@@ -85,6 +88,7 @@ bool any_value(uint32_t)
 
 struct DumpCount {
     uint32_t rows = 0;
+    pmx::JsonTable *json = nullptr; // the JSON form's table, or null
 };
 
 int print_phy_rows(void *entry, void *arg)
@@ -93,8 +97,11 @@ int print_phy_rows(void *entry, void *arg)
     if ((e->key & 0x80000000u) == 0) return 0;
     auto *count = static_cast<DumpCount *>(arg);
     for (const libpmx_phy_k2v_val_t *v = &e->list; v != nullptr; v = v->next) {
-        ssat_printf("|0x%08x|%5d|%5d|\n", v->value, static_cast<int32_t>(e->key >> 8 & 0x7ff),
-                    static_cast<int32_t>(e->key & 0xff));
+        const auto modid = static_cast<int32_t>(e->key >> 8 & 0x7ff), port = static_cast<int32_t>(e->key & 0xff);
+        if (count->json != nullptr)
+            count->json->row({pmx::hex("gphyid", v->value), pmx::num("modid", modid), pmx::num("port", port)});
+        else
+            ssat_printf("|0x%08x|%5d|%5d|\n", v->value, modid, port);
         ++count->rows;
     }
     return 0;
@@ -106,8 +113,11 @@ int print_local_rows(void *entry, void *arg)
     if ((e->key & 0x80000000u) == 0) return 0;
     auto *count = static_cast<DumpCount *>(arg);
     for (const libpmx_phy_k2v_val_t *v = &e->list; v != nullptr; v = v->next) {
-        ssat_printf("|0x%08x|%5d|%5d|\n", v->value, static_cast<int32_t>(e->key >> 8 & 0xff),
-                    static_cast<int32_t>(e->key & 0xff));
+        const auto unit = static_cast<int32_t>(e->key >> 8 & 0xff), port = static_cast<int32_t>(e->key & 0xff);
+        if (count->json != nullptr)
+            count->json->row({pmx::hex("lphyid", v->value), pmx::num("unit", unit), pmx::num("port", port)});
+        else
+            ssat_printf("|0x%08x|%5d|%5d|\n", v->value, unit, port);
         ++count->rows;
     }
     return 0;
@@ -121,8 +131,12 @@ int print_port_rows(void *entry, void *arg)
     for (const libpmx_port_k2v_val_t *v = &e->list; v != nullptr; v = v->next) {
         int32_t dev = 0, slot = 0, sslot = 0;
         libpmx_get_dev_slot_sslot_by_gslot(static_cast<int32_t>(e->gslot | v->a), &dev, &slot, &sslot);
-        ssat_printf("|%3d|%4d|%5d|%4d|%4d|%5d|\n", dev, slot, sslot, static_cast<int32_t>(e->port >> 8 & 0xff),
-                    static_cast<int32_t>(e->port & 0xff), static_cast<int32_t>(v->b));
+        const auto unit = static_cast<int32_t>(e->port >> 8 & 0xff), port = static_cast<int32_t>(e->port & 0xff);
+        if (count->json != nullptr)
+            count->json->row({pmx::num("dev", dev), pmx::num("slot", slot), pmx::num("sslot", sslot),
+                              pmx::num("unit", unit), pmx::num("port", port), pmx::num("lport", v->b)});
+        else
+            ssat_printf("|%3d|%4d|%5d|%4d|%4d|%5d|\n", dev, slot, sslot, unit, port, static_cast<int32_t>(v->b));
         ++count->rows;
     }
     return 0;
@@ -139,8 +153,9 @@ int cmd_set_ignore(const char *args)
 
 template <void (*Dump)()> int cmd_dump(const char *args)
 {
-    pmx::DbgArgs a(args, {});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_split", "", a.error());
+    pmx::DbgArgs a(args, {"json"});
+    if (!a.error().empty()) return pmx::dbg_usage("dump_split", "[json=1]", a.error());
+    pmx::JsonScope json(a.get("json", 0) != 0);
     Dump();
     return LIBPMX_OK;
 }
@@ -411,35 +426,46 @@ extern "C" int libpmx_split_cache_get_my_slot_lport_by_unit_port(uint32_t unit, 
 
 // ---- dumps ----
 
-extern "C" void libpmx_split_dump_glb_phy_tbl(void)
+namespace
+{
+
+// One split map's dump: its plain header and rows with the count, or its JSON table.
+template <typename Walk>
+void dump_map(pmx::RwLock &lock, const char *table, const char *header, Walk walk, libpmx_hash_op_t print)
 {
     DumpCount count;
-    ssat_printf("|%-10s|%5s|%5s|\n", "gphyid", "modid", "port");
-    {
-        Guard g(g_gphy_lock, Access::Read);
-        libpmx_modport_gphy_for_each(print_phy_rows, &count);
+    std::optional<pmx::JsonTable> json;
+    if (pmx::dump_json()) {
+        json.emplace(table);
+        count.json = &*json;
+    } else {
+        ssat_printf("%s", header);
     }
-    ssat_printf("total %u\n", count.rows);
+    {
+        Guard g(lock, Access::Read);
+        walk(print, &count);
+    }
+    if (json)
+        json->end();
+    else
+        ssat_printf("total %u\n", count.rows);
+}
+
+} // namespace
+
+extern "C" void libpmx_split_dump_glb_phy_tbl(void)
+{
+    dump_map(g_gphy_lock, "split_glb_phy", "|gphyid    |modid| port|\n", libpmx_modport_gphy_for_each, print_phy_rows);
 }
 
 extern "C" void libpmx_split_dump_local_phy_tbl(void)
 {
-    DumpCount count;
-    ssat_printf("|%-10s|%5s|%5s|\n", "lphyid", "unit", "port");
-    {
-        Guard g(g_lphy_lock, Access::Read);
-        libpmx_unitport_lphy_for_each(print_local_rows, &count);
-    }
-    ssat_printf("total %u\n", count.rows);
+    dump_map(g_lphy_lock, "split_local_phy", "|lphyid    | unit| port|\n", libpmx_unitport_lphy_for_each,
+             print_local_rows);
 }
 
 extern "C" void libpmx_split_dump_port_tbl(void)
 {
-    DumpCount count;
-    ssat_printf("|%3s|%4s|%5s|%4s|%4s|%5s|\n", "dev", "slot", "sslot", "unit", "port", "lport");
-    {
-        Guard g(g_port_lock, Access::Read);
-        libpmx_gslot_port_for_each(print_port_rows, &count);
-    }
-    ssat_printf("total %u\n", count.rows);
+    dump_map(g_port_lock, "split_port", "|dev|slot|sslot|unit|port|lport|\n", libpmx_gslot_port_for_each,
+             print_port_rows);
 }

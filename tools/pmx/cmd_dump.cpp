@@ -25,12 +25,14 @@ struct DumpOptions {
     std::vector<std::string> args; // name=value arguments of the table's debug command
     std::string module;
     int pid = 0;
+    bool json = false;
 };
 
 struct Table {
     const char *name;
     const char *command; // the library's debug command
     const char *what;
+    bool json = true; // the command prints its table as JSON when given json=1
 };
 
 const Table kTables[] = {
@@ -43,7 +45,7 @@ const Table kTables[] = {
     {"sub-route", "dump_sub_route", "sub-route interfaces [ifx=]"},
     {"chipid", "dump_chipid_res", "chip-id resources [modid=]"},
     {"chipslot", "dump_chipslot", "per-slot module tables [gslot=]"},
-    {"local-modid", "dump_local_modid", "the local card's module ids"},
+    {"local-modid", "dump_local_modid", "the local card's module ids", false},
     {"card-info", "dump_card_info", "card type of every dev/slot/sslot"},
     {"global-sport", "dump_global_sport", "sub-slot and panel port of card types' chip ports"},
     {"port-table", "dump_port_table", "the local card's chip ports"},
@@ -51,8 +53,8 @@ const Table kTables[] = {
     {"split-glb", "dump_split_glb_phy", "split ports: gphyid <-> module port"},
     {"split-local", "dump_split_local_phy", "split ports: lphyid <-> unit port"},
     {"split-port", "dump_split_port", "split ports: gslot unit port <-> panel port"},
-    {"cap", "dump_cap", "capability values in use"},
-    {"block", "dump_block_info", "the last long database waits"},
+    {"cap", "dump_cap", "capability values in use", false},
+    {"block", "dump_block_info", "the last long database waits", false},
 };
 
 const Table *find_table(const std::string &name)
@@ -70,8 +72,13 @@ int dump(const DumpOptions &opt)
         for (const Table &each : kTables) std::fprintf(stderr, "  %-13s %s\n", each.name, each.what);
         return kExitUsage;
     }
+    if (opt.json && !t->json) {
+        std::fprintf(stderr, "pmx: table '%s' has no JSON form\n", t->name);
+        return kExitUsage;
+    }
     std::string line = t->command;
     for (const std::string &a : opt.args) line += " " + a;
+    if (opt.json) line += " json=1";
     if (!opt.module.empty()) {
         if (!opt.db.url.empty() || !opt.db.loads.empty()) {
             std::fprintf(stderr, "pmx: --module reads the tables of a running process: no --db or --load with it\n");
@@ -104,12 +111,14 @@ Command add_dump_command(CLI::App &app)
                 "record files (--load) as the library's change callbacks fill them.\n"
                 "Examples:\n"
                 "  pmx dump --load examples/chassis/small.json chipslot\n"
+                "  pmx dump --load examples/chassis/small.json --json sysport\n"
                 "  pmx dump --load examples/chassis/small.json ifx-by-slot dev=1 slot=3\n"
                 "  pmx dump --module libpmx_follow port-table");
     sub->add_option("table", opt->table, "The table")->required();
     sub->add_option("args", opt->args, "Arguments of the table's debug command (name=value)");
     sub->add_option("--module", opt->module, "Read the table of the running process serving this module");
     sub->add_option("--pid", opt->pid, "The process, when several serve the module")->check(CLI::PositiveNumber);
+    sub->add_flag("--json", opt->json, "Print the table as one JSON object (rows and total)");
     add_db_options(sub, &opt->db);
     return Command{sub, [opt] { return dump(*opt); }};
 }
