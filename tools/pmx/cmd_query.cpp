@@ -76,7 +76,6 @@ Answer ifx_of_phyid_block(uint32_t phyid)
 Answer modid(int32_t id, int32_t port, int mode)
 {
     Answer a;
-    libpmx_cap_init(nullptr, "pmx"); // the subcard-id switch
     int32_t dev = 0, slot = 0, unit = 0, node = 0, card_type = -1, subcard_type = 0, cid = -1, type = -1;
     a.rc = libpmx_get_dev_slot_unit_by_modid_detail(id, &dev, &slot, &unit, mode);
     if (a.rc == LIBPMX_OK) a.rc = libpmx_get_node_unit_from_modid_detail(id, &node, &unit, mode);
@@ -145,7 +144,6 @@ Answer chip(const std::vector<int32_t> &t, int mode)
 Answer unit_port(const std::vector<int32_t> &t, int mode)
 {
     Answer a;
-    libpmx_cap_init(nullptr, "pmx"); // the subcard-id switch
     int32_t lport = -1, core = -1, subcard_type = 0, scid = 0;
     a.rc = libpmx_get_coreid_by_unit_port_detail(t[0], t[1], &core, mode);
     if (a.rc == LIBPMX_OK) a.rc = libpmx_get_subcard_type_scid_by_unit_port(t[0], t[1], &subcard_type, &scid, mode);
@@ -223,8 +221,6 @@ Answer cid(int32_t card_type, int32_t subcard_type, int mode)
 Answer scid(int32_t subcard_type, int mode)
 {
     Answer a;
-    // The subcard-id switch and table come from the capability data.
-    libpmx_cap_init(nullptr, "pmx");
     int32_t v = 0;
     a.rc = libpmx_get_scid_with_subcard_type(subcard_type, &v, mode);
     if (a.rc == LIBPMX_OK)
@@ -300,6 +296,7 @@ int tuple_query(const QueryOptions &opt, const TupleQuery &q)
     }
     DbSession session;
     if (!session.open(opt.db)) return kExitFailed;
+    libpmx_cap_init(nullptr, "pmx"); // as a process's start-up does: the subcard-id switch and table
     const std::string &w = opt.what;
     Answer a = w == "chip" ? chip(t, opt.mode) : w == "unit-port" ? unit_port(t, opt.mode) : split(t);
     if (w == "split" && a.rc == LIBPMX_E_NOT_FOUND) {
@@ -322,6 +319,7 @@ int query(const QueryOptions &opt)
     }
     DbSession session;
     if (!session.open(opt.db)) return kExitFailed;
+    libpmx_cap_init(nullptr, "pmx"); // as a process's start-up does: the subcard-id switch and table
 
     Answer a;
     const std::string &w = opt.what;

@@ -1108,6 +1108,8 @@ ordered_json truth_json(const TruthRow &r)
     j["lphyid"] = hex32(r.lphyid);
     j["gslot"] = r.gslot;
     j["node"] = hex32(r.node);
+    // The system port of a front-panel port: gslot * 256 + lport (the library's numbering).
+    j["sysport"] = sub ? ordered_json() : ordered_json(static_cast<uint32_t>(r.gslot) * 256 + static_cast<uint32_t>(r.lport));
     j["master_phyid"] = sub ? ordered_json(hex32(r.master_phyid)) : ordered_json();
     j["evlan"] = sub ? ordered_json(r.evlan) : ordered_json();
     j["trunk"] = r.kind == PortKind::SubAp ? ordered_json(r.trunk) : ordered_json();
