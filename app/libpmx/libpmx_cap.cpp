@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "libpmx_dbg.h"
-#include "libpmx_dbg_args.hpp"
+#include "libpmx_dbg_json.hpp"
 #include "libpmx_errno.h"
 #include "libpmx_hash.h"
 #include "libpmx_lock.hpp"
@@ -58,10 +58,7 @@ int collect_modid(void *entry, void *arg)
 
 int cmd_dump_cap(const char *args)
 {
-    pmx::DbgArgs a(args, {});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_cap", "", a.error());
-    libpmx_dump_cap();
-    return LIBPMX_OK;
+    return pmx::dbg_table_cmd("dump_cap", args, libpmx_dump_cap, false);
 }
 
 const libpmx_dbg_cmd_t kCommands[] = {

@@ -71,11 +71,7 @@ int collect(void *entry, void *arg)
 
 int cmd_dump_global_sport(const char *args)
 {
-    pmx::DbgArgs a(args, {"json"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_global_sport", "[json=1]", a.error());
-    pmx::JsonScope json(a.get("json", 0) != 0);
-    libpmx_dump_global_sport();
-    return LIBPMX_OK;
+    return pmx::dbg_table_cmd("dump_global_sport", args, libpmx_dump_global_sport);
 }
 
 const libpmx_dbg_cmd_t kCommands[] = {

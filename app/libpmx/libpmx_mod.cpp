@@ -240,19 +240,12 @@ int cmd_dump_chipslot(const char *args)
 
 int cmd_dump_local_modid(const char *args)
 {
-    pmx::DbgArgs a(args, {});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_local_modid", "", a.error());
-    libpmx_dump_local_modid();
-    return LIBPMX_OK;
+    return pmx::dbg_table_cmd("dump_local_modid", args, libpmx_dump_local_modid, false);
 }
 
 int cmd_dump_card_info(const char *args)
 {
-    pmx::DbgArgs a(args, {"json"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_card_info", "[json=1]", a.error());
-    pmx::JsonScope json(a.get("json", 0) != 0);
-    libpmx_dbg_dump_card_info();
-    return LIBPMX_OK;
+    return pmx::dbg_table_cmd("dump_card_info", args, libpmx_dbg_dump_card_info);
 }
 
 const libpmx_dbg_cmd_t kCommands[] = {

@@ -60,11 +60,7 @@ int collect(void *entry, void *arg)
 
 int cmd_dump_sysport(const char *args)
 {
-    pmx::DbgArgs a(args, {"json"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_sysport", "[json=1]", a.error());
-    pmx::JsonScope json(a.get("json", 0) != 0);
-    libpmx_dump_sysport();
-    return LIBPMX_OK;
+    return pmx::dbg_table_cmd("dump_sysport", args, libpmx_dump_sysport);
 }
 
 const libpmx_dbg_cmd_t kCommands[] = {

@@ -55,15 +55,31 @@ bool find(int32_t unit, int32_t port, libpmx_port_info_t *out)
     return true;
 }
 
-// The record of unit+port from the table, else (mode not 0) from the database, then kept.
-int find_or_read(int32_t unit, int32_t port, libpmx_port_info_t *out, int mode)
+// The record of unit+port from the table, else (mode not 0) from the database, then kept; a
+// port that is not there is logged under the caller's name (func).
+int find_or_read(const char *func, int32_t unit, int32_t port, libpmx_port_info_t *out, int mode)
 {
     if (find(unit, port, out)) return LIBPMX_OK;
-    if (mode == 0) return LIBPMX_E_NOT_FOUND;
-    const int rc = libpmx_get_port_info_from_unit_port(unit, port, out);
-    if (rc != LIBPMX_OK) return rc;
-    libpmx_port_set_unit_port(out);
-    return LIBPMX_OK;
+    int rc = LIBPMX_E_NOT_FOUND;
+    if (mode != 0) {
+        rc = libpmx_get_port_info_from_unit_port(unit, port, out);
+        if (rc == LIBPMX_OK) {
+            libpmx_port_set_unit_port(out); // a port that cannot be kept still answers (logged)
+            return LIBPMX_OK;
+        }
+    }
+    PMX_LOG_AS(func, LIBPMX_ZLOG_WARN, "no port unit:%d port:%d on this card, mode:%d ret:%d", unit, port, mode, rc);
+    return rc;
+}
+
+// A chip port's record for a lookup with an output (null: logged, -11).
+int lookup(const char *func, const void *out, int32_t unit, int32_t port, libpmx_port_info_t *info, int mode)
+{
+    if (out == nullptr) {
+        PMX_LOG_AS(func, LIBPMX_ZLOG_ERROR, "output is null, unit:%d port:%d", unit, port);
+        return LIBPMX_E_FAIL;
+    }
+    return find_or_read(func, unit, port, info, mode);
 }
 
 void forget_lport_of(uint32_t index)
@@ -81,11 +97,7 @@ void load_bp_range()
 
 int cmd_dump_port_table(const char *args)
 {
-    pmx::DbgArgs a(args, {"json"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_port_table", "[json=1]", a.error());
-    pmx::JsonScope json(a.get("json", 0) != 0);
-    libpmx_dump_port_table();
-    return LIBPMX_OK;
+    return pmx::dbg_table_cmd("dump_port_table", args, libpmx_dump_port_table);
 }
 
 const libpmx_dbg_cmd_t kCommands[] = {
@@ -217,16 +229,9 @@ extern "C" int libpmx_port_portinfo_by_unit_port(int32_t unit, int32_t port, lib
 
 extern "C" int libpmx_get_lport_by_unit_port_detail(int32_t unit, int32_t port, int32_t *lport, int mode)
 {
-    if (lport == nullptr) {
-        PMX_ERROR("lport is null, unit:%d port:%d", unit, port);
-        return LIBPMX_E_FAIL;
-    }
     libpmx_port_info_t info{};
-    const int rc = find_or_read(unit, port, &info, mode);
-    if (rc != LIBPMX_OK) {
-        PMX_WARN("no port unit:%d port:%d on this card, mode:%d ret:%d", unit, port, mode, rc);
-        return rc;
-    }
+    const int rc = lookup(__func__, lport, unit, port, &info, mode);
+    if (rc != LIBPMX_OK) return rc;
     if (info.lport < 0) {
         PMX_WARN("unit:%d port:%d has no panel port", unit, port);
         return LIBPMX_E_NOT_FOUND;
@@ -247,18 +252,10 @@ extern "C" int libpmx_get_lport_by_unit_port_ext(int32_t unit, int32_t port, int
 
 extern "C" int libpmx_get_coreid_by_unit_port_detail(int32_t unit, int32_t port, int32_t *core, int mode)
 {
-    if (core == nullptr) {
-        PMX_ERROR("core is null, unit:%d port:%d", unit, port);
-        return LIBPMX_E_FAIL;
-    }
     libpmx_port_info_t info{};
-    const int rc = find_or_read(unit, port, &info, mode);
-    if (rc != LIBPMX_OK) {
-        PMX_WARN("no port unit:%d port:%d on this card, mode:%d ret:%d", unit, port, mode, rc);
-        return rc;
-    }
-    *core = info.core;
-    return LIBPMX_OK;
+    const int rc = lookup(__func__, core, unit, port, &info, mode);
+    if (rc == LIBPMX_OK) *core = info.core;
+    return rc;
 }
 
 extern "C" int libpmx_get_unit_port_by_lport_ext(int32_t lport, int32_t *unit, int32_t *port)
@@ -342,11 +339,8 @@ extern "C" int libpmx_get_subcard_type_scid_by_unit_port(int32_t unit, int32_t p
         return LIBPMX_E_FAIL;
     }
     libpmx_port_info_t info{};
-    int rc = find_or_read(unit, port, &info, mode);
-    if (rc != LIBPMX_OK) {
-        PMX_WARN("no port unit:%d port:%d on this card, mode:%d ret:%d", unit, port, mode, rc);
-        return rc;
-    }
+    int rc = find_or_read(__func__, unit, port, &info, mode);
+    if (rc != LIBPMX_OK) return rc;
     const int32_t mine = libpmx_get_my_card_type(mode != 0 ? 1 : 0);
     if (mine < 0) {
         PMX_WARN("card type of this card unknown, unit:%d port:%d", unit, port);

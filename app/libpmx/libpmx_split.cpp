@@ -153,11 +153,7 @@ int cmd_set_ignore(const char *args)
 
 template <void (*Dump)()> int cmd_dump(const char *args)
 {
-    pmx::DbgArgs a(args, {"json"});
-    if (!a.error().empty()) return pmx::dbg_usage("dump_split", "[json=1]", a.error());
-    pmx::JsonScope json(a.get("json", 0) != 0);
-    Dump();
-    return LIBPMX_OK;
+    return pmx::dbg_table_cmd("dump_split", args, Dump);
 }
 
 const libpmx_dbg_cmd_t kCommands[] = {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <initializer_list>
 
+#include "libpmx_dbg_args.hpp"
 #include "ssat.h"
 
 namespace pmx
@@ -83,6 +84,17 @@ public:
 private:
     uint32_t rows_ = 0;
 };
+
+// A debug command that prints one whole table and takes no argument but json=1 (when the table
+// has a JSON form).
+inline int dbg_table_cmd(const char *name, const char *args, void (*dump)(), bool json_form = true)
+{
+    DbgArgs a = json_form ? DbgArgs(args, {"json"}) : DbgArgs(args, {});
+    if (!a.error().empty()) return dbg_usage(name, json_form ? "[json=1]" : "", a.error());
+    JsonScope json(a.get("json", 0) != 0);
+    dump();
+    return 0;
+}
 
 } // namespace pmx
 
