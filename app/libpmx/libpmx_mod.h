@@ -146,6 +146,37 @@ LIBPMX_API int libpmx_get_fuid_info_by_gslot(int32_t gslot, ce_pmx_fuid_info_per
  * after the last record, -11 for a null op, -2 without memory for the copies. */
 LIBPMX_API int libpmx_fuid_info_for_each(libpmx_hash_op_t op, void *arg);
 
+/* ---- static module ids ----
+ * The ids this card's chips will use, computed from its position (dev, slot, sub-slot, node
+ * type) and its allocation parameters (libpmx_port_get_lc_modid_alloc_mode: mode, id count, ids
+ * per unit, first id not allowed) before the module table exists. Mode 4 takes the capability
+ * scheme, mode 1 the dune scheme, mode 2 the ctc scheme; a node type 2 card outside mode 4 takes
+ * one id; mode 0 has no static ids. The node type and device id are waited for without end. When
+ * this card runs without its virtual units, the ids they would take (the card type's virtual chips
+ * times the ids per unit) are left out. 0 and count ids; -4 bad arguments, a small array for the
+ * capability scheme, an unknown node type; -11 mode 0, 3 or above 4, a small array or bad
+ * parameters for the ctc and dune schemes; the capability and parameter reads' codes. The array
+ * may be partly written when a scheme fails. */
+
+/* No wait before computing (label "complete-lc"). */
+LIBPMX_API int libpmx_get_static_modid(uint32_t *ids, int32_t capacity, int32_t *count);
+/* Waits for every card type's static attributes first (label "complete-stattr"). */
+LIBPMX_API int libpmx_get_static_modid_supporting_subcard(uint32_t *ids, int32_t capacity, int32_t *count);
+LIBPMX_API int libpmx_get_static_modid_detail(uint32_t *ids, int32_t capacity, int32_t *count, void (*wait)(void),
+                                              const char *label);
+/* The capability scheme: slot position p by node type (1: dev - 1; 2: slot + 2 dev - 32; 3 and 7:
+ * slot on dev 1, slot + (dev - 1) x line-card slots (21 when none) on the others; 5: slot - 22 on
+ * dev 1, slot + 8 dev - 30 on the others), ids from min + num_per_slot x p of the card type's
+ * range, each moved up past the invalid modids from min to it. */
+LIBPMX_API int libpmx_mod_alloc_id_static(int32_t node_type, int32_t dev, int32_t slot, int32_t card_type,
+                                          uint32_t *ids, int32_t capacity, int32_t *count);
+/* The ctc scheme (mode4[1] ids, at most 2, one per unit): (mod_base + 16) x 2 + i, mod_base the gslot,
+ * or (gslot >> 5) + 1 in slot 30; every id below mode4[3]. */
+LIBPMX_API int libpmx_mod_alloc_id_ctc_static(int32_t gslot, const uint32_t *mode4, uint32_t *ids);
+/* The dune scheme (mode4[1] ids, at most 12; mode4[2] ids per unit, at most 2): index i (2 i with
+ * one id per unit), gslot x 8 + 18 + index up to index 7, gslot x 4 + 1042 + index - 8 above. */
+LIBPMX_API int libpmx_mod_alloc_id_dune_static(int32_t gslot, const uint32_t *mode4, uint32_t *ids);
+
 /* ---- system ports ----
  * A system port numbers a front-panel port chassis-wide: gslot * 256 + lport, the gslot with
  * its sub-slot bits (a subcard's ports get a block of their own), lport 0..255. libpmx_sysport

@@ -132,6 +132,12 @@ LIBPMX_API int libpmx_get_local_port_from_localport_info(int32_t *lport_num, int
 /* Completeness (database 1, hash): type 0 the local card, 1 the line cards, 2 all; another
  * type gives 0. */
 LIBPMX_API int libpmx_get_dplib_complete_status(int type, unsigned char *status);
+/* Unbounded waits, polling every 0.1 s (one read and one sleep a pass, the sleep taken also on
+ * the pass that sees the flag): until the local port state says the line cards are complete or
+ * the completeness record says so; until every card type's static attributes are published
+ * (p_dev.dm_stattr_complete), which once seen is remembered. */
+LIBPMX_API void libpmx_block_for_ndm_complete(void);
+LIBPMX_API void libpmx_block_for_ndm_complete_stattr(void);
 /* Whether every card type's static attributes are published (database 1, hash); 0 unknown. */
 LIBPMX_API void libpmx_get_dm_stattr_complete(unsigned char *complete);
 
