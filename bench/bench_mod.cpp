@@ -62,7 +62,7 @@ struct Chassis {
             if (row.member > 0) {
                 const auto m = static_cast<uint32_t>(row.modid), p = static_cast<uint32_t>(row.mport);
                 c.splits.push_back({m, p, static_cast<uint32_t>(row.cid), row.gphyid});
-                c.split_of.emplace(LIBPMX_SPLIT_MODPORT_KEY(m, p), row.gphyid);
+                c.split_of.emplace(libpmx_split_modport_key(m, p), row.gphyid);
             }
         }
         std::shuffle(c.modids.begin(), c.modids.end(), std::mt19937(7));
@@ -113,7 +113,7 @@ template <Impl I> void BM_SplitPhyid(benchmark::State &state)
     for (auto _ : state) {
         const Chassis::Split &s = c.splits[k++ % c.splits.size()];
         if constexpr (I == Impl::UnlockedMap) {
-            phyid = c.split_of.find(LIBPMX_SPLIT_MODPORT_KEY(s.modid, s.port))->second;
+            phyid = c.split_of.find(libpmx_split_modport_key(s.modid, s.port))->second;
         } else if (libpmx_split_cache_get_phyid_by_mod_port(s.modid, s.port, s.cid, &phyid) != 0) {
             state.SkipWithError("split lookup failed");
         }

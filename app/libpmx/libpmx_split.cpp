@@ -187,7 +187,7 @@ extern "C" void libpmx_dump_ignore_split_mapping(void)
 
 extern "C" int libpmx_update_mod_port_gphyid(uint32_t gphyid, uint32_t modid, uint32_t port, int32_t is_add)
 {
-    const uint32_t key = LIBPMX_SPLIT_MODPORT_KEY(modid, port);
+    const uint32_t key = libpmx_split_modport_key(modid, port);
     int to_key, to_id;
     {
         Guard g(g_gphy_lock, Access::Write);
@@ -216,7 +216,7 @@ extern "C" int libpmx_update_mod_port_gphyid(uint32_t gphyid, uint32_t modid, ui
 
 extern "C" int libpmx_update_unit_port_lphyid(uint32_t lphyid, uint32_t unit, uint32_t port, int32_t is_add)
 {
-    const uint32_t key = LIBPMX_SPLIT_UNITPORT_KEY(unit, port);
+    const uint32_t key = libpmx_split_unitport_key(unit, port);
     int to_key, to_id;
     {
         Guard g(g_lphy_lock, Access::Write);
@@ -246,7 +246,7 @@ extern "C" int libpmx_update_unit_port_lphyid(uint32_t lphyid, uint32_t unit, ui
 extern "C" int libpmx_update_gslot_unit_port_lport(uint32_t gslot, uint32_t unit, uint32_t port, uint32_t lport,
                                                    uint8_t is_add)
 {
-    const uint32_t key = LIBPMX_SPLIT_UNITPORT_KEY(unit, port);
+    const uint32_t key = libpmx_split_unitport_key(unit, port);
     const auto kp = static_cast<int32_t>(gslot_key(static_cast<int32_t>(gslot)));
     const uint32_t vp = gslot_value(static_cast<int32_t>(gslot));
     int to_key, to_id;
@@ -309,7 +309,7 @@ extern "C" int libpmx_split_cache_get_phyid_by_mod_port(uint32_t modid, uint32_t
         return LIBPMX_E_INVAL;
     }
     const auto match = [cid](uint32_t v) { return cid == UINT32_MAX || (v >> 19 & 0x1f) == cid; };
-    if (find_phy_value(g_gphy_lock, libpmx_modport_gphy_get_mapping, LIBPMX_SPLIT_MODPORT_KEY(modid, port), match,
+    if (find_phy_value(g_gphy_lock, libpmx_modport_gphy_get_mapping, libpmx_split_modport_key(modid, port), match,
                        gphyid) != LIBPMX_OK) {
         PMX_DEBUG("split: not found gphy for mod %d, port %d, cid %d", static_cast<int32_t>(modid),
                   static_cast<int32_t>(port), static_cast<int32_t>(cid));
@@ -351,7 +351,7 @@ extern "C" int libpmx_split_cache_get_lphyid_by_unit_port(uint32_t unit, uint32_
         return LIBPMX_E_INVAL;
     }
     const auto match = [scid](uint32_t v) { return scid == UINT32_MAX || (v >> 16 & 0xff) == scid; };
-    if (find_phy_value(g_lphy_lock, libpmx_unitport_lphy_get_mapping, LIBPMX_SPLIT_UNITPORT_KEY(unit, port), match,
+    if (find_phy_value(g_lphy_lock, libpmx_unitport_lphy_get_mapping, libpmx_split_unitport_key(unit, port), match,
                        lphyid) != LIBPMX_OK) {
         PMX_DEBUG("split: not found lphy for unit %d, port %d, scid %d", u, p, static_cast<int32_t>(scid));
         return LIBPMX_E_NOT_FOUND;
@@ -396,7 +396,7 @@ extern "C" int libpmx_split_cache_get_lport_by_gslot_unit_port(int32_t gslot, ui
         PMX_ERROR("invalid param, lport %p", static_cast<void *>(lport));
         return LIBPMX_E_INVAL;
     }
-    if (find_port_value(gslot, LIBPMX_SPLIT_UNITPORT_KEY(unit, port), lport) != LIBPMX_OK) {
+    if (find_port_value(gslot, libpmx_split_unitport_key(unit, port), lport) != LIBPMX_OK) {
         PMX_INFO("not found lport for gslot 0x%x unit %d port %d", gslot, u, p);
         return LIBPMX_E_NOT_FOUND;
     }

@@ -24,8 +24,14 @@
 
 LIBPMX_BEGIN_DECLS
 
-#define LIBPMX_SPLIT_MODPORT_KEY(modid, port) (0x87000000u | ((modid) & 0x7ffu) << 8 | ((port) & 0xffu))
-#define LIBPMX_SPLIT_UNITPORT_KEY(unit, port) (0x88000000u | (uint32_t)(unit) << 8 | (uint32_t)(port))
+static inline uint32_t libpmx_split_modport_key(uint32_t modid, uint32_t port)
+{
+    return 0x87000000u | (modid & 0x7ffu) << 8 | (port & 0xffu);
+}
+static inline uint32_t libpmx_split_unitport_key(uint32_t unit, uint32_t port)
+{
+    return 0x88000000u | unit << 8 | port;
+}
 /* The sub-slot bits of a gslot: the value part. */
 #define LIBPMX_SPLIT_GSLOT_VALUE_BITS 0x7c00u
 
