@@ -207,7 +207,23 @@ TEST(ChassisGen, EachCardSeesItsOwnPorts)
             EXPECT_EQ(core, row.core);
             EXPECT_EQ(libpmx_get_subcard_type_scid_by_unit_port(row.unit, row.port, &sct, &scid, 2), 0);
             EXPECT_EQ(std::make_pair(sct, scid), std::make_pair(row.subcard_type, row.scid));
+            // The conversions, each way, as the truth table says.
+            uint32_t lphyid = 0, gphyid = 0, m = 0, p = 0, u = 0;
+            EXPECT_EQ(libpmx_get_lphyid_by_unit_port(row.unit, row.port, &lphyid), 0);
+            EXPECT_EQ(lphyid, row.lphyid);
+            EXPECT_EQ(libpmx_get_unit_port_by_lphyid(row.lphyid, &u, &p), 0);
+            EXPECT_EQ(std::make_pair(u, p), std::make_pair(static_cast<uint32_t>(row.unit), static_cast<uint32_t>(row.port)));
+            EXPECT_EQ(libpmx_get_phyid_by_mod_port(row.modid, row.port, &gphyid), 0);
+            EXPECT_EQ(gphyid, row.gphyid);
             if (row.sslot != 0) continue; // a subcard has no module table: its chips are its host's
+            EXPECT_EQ(libpmx_get_mod_port_by_phyid(row.lphyid, &m, &p), 0);
+            EXPECT_EQ(std::make_pair(m, p), std::make_pair(static_cast<uint32_t>(row.modid), static_cast<uint32_t>(row.port)));
+            EXPECT_EQ(libpmx_get_gphyid_by_lphyid(row.lphyid, &gphyid), 0);
+            EXPECT_EQ(gphyid, row.gphyid);
+            EXPECT_EQ(libpmx_get_lphyid_by_gphyid(row.gphyid, &lphyid), 0);
+            EXPECT_EQ(lphyid, row.lphyid);
+            EXPECT_EQ(libpmx_get_unit_port_by_lphyid(row.gphyid, &u, &p), 0);
+            EXPECT_EQ(u, static_cast<uint32_t>(row.unit));
             int32_t modid = -1, unit = -1;
             EXPECT_EQ(libpmx_get_lmodid_by_unit_core(static_cast<uint32_t>(row.unit), row.core, &modid), 0);
             EXPECT_EQ(modid, row.modid);

@@ -134,6 +134,10 @@ extern "C" void libpmx_cap_set_subcard_id_enable(uint8_t enable)
 
 extern "C" int libpmx_get_scid_by_subcard_type(int32_t subcard_type, int32_t *scid)
 {
+    if (scid != nullptr && subcard_type == 0) { // no subcard: the card's own ports
+        *scid = 0;
+        return LIBPMX_OK;
+    }
     const libqv_cap_ctrl_info_t *info = g_cap_info.load(std::memory_order_acquire);
     if (scid == nullptr || info == nullptr) {
         PMX_ERROR("no scid source, subcard_type:%d scid:%p caps:%p", subcard_type, static_cast<void *>(scid),

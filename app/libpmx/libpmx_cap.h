@@ -29,8 +29,9 @@ LIBPMX_API int libpmx_cap_set_block_times(int32_t times);
 LIBPMX_API uint8_t libpmx_cap_get_subcard_id_enable(void);
 LIBPMX_API void libpmx_cap_set_subcard_id_enable(uint8_t enable);
 
-/* The scid of a subcard type from the capability data ("subcard-id/table/<type>"): 0; -11 null
- * out or no capability data loaded; -7 no scid for that type. */
+/* The scid of a subcard type from the capability data ("subcard-id/table/<type>"); subcard type 0
+ * (no subcard: the card's own ports) has scid 0. 0; -11 null out or no capability data loaded; -7
+ * no scid for that type. */
 LIBPMX_API int libpmx_get_scid_by_subcard_type(int32_t subcard_type, int32_t *scid);
 
 /* ---- module ids ---- */

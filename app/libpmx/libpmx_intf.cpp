@@ -318,6 +318,15 @@ extern "C" int libpmx_get_ifx_by_phyid_detail(uint32_t phyid, uint32_t *ifx, int
     return LIBPMX_OK;
 }
 
+bool pmx::intf_node_by_phyid(uint32_t phyid, libpmx_intf_info_t *out)
+{
+    Guard g(pmx::g_intf_lock, Access::Read);
+    const pmx::IntfNode *n = g_intf_table.by_phyid(phyid);
+    if (n == nullptr) return false;
+    *out = n->info;
+    return true;
+}
+
 extern "C" int libpmx_get_ifx_by_phyid_block_detail(uint32_t phyid, uint32_t *ifx)
 {
     int rc = libpmx_get_ifx_by_phyid_detail(phyid, ifx, 0);

@@ -101,6 +101,55 @@ LIBPMX_API void libpmx_dump_ifx_tbl_by_dev_slot(int32_t dev, int32_t slot);
 /* Every node sorted by ifx, by gphyid or by dev/slot/sslot/lport (LIBPMX_INTF_ORDER_*). */
 LIBPMX_API void libpmx_dump_ifx_tbl_ordered_by(int32_t order);
 
+/* ======================== Physical-id conversions ========================
+ * Each worker takes the read mode: 0 the caches only (the database is never touched), 1 one read
+ * on a miss, 2 reads that wait; the mode is passed to every lookup it makes. Plain names pass 2,
+ * _ext 0, _ext_db 1, _internal 2. Composition: gphyid = type << 24 | (cid & 31) << 19 | (modid &
+ * 0x7ff) << 8 | (port & 255), type 7, or 25 for a power-module or local virtual-unit port;
+ * lphyid = 0x08000000 | scid << 16 | unit << 8 | port. Split ports override the mod-port, the
+ * unit-port and the lphyid-by-unit-port conversions, not the gphyid/lphyid pair. Locks are
+ * those of the caches read, released before any database read. */
+
+/* True for a tunnel id (type 32). */
+LIBPMX_API int libpmx_is_tunnel_phyid(uint32_t phyid);
+
+/* The lphyid of a gphyid: types 7 and 25 through the chip's unit and the card's scid; type 19
+ * through the interface table (a port of this card only, else -4); any other id handed back. 0;
+ * -11 null out; -7 phyid 0; the lookups' codes. */
+LIBPMX_API int libpmx_get_lphyid_by_gphyid_detail(uint32_t gphyid, uint32_t *lphyid, int mode);
+LIBPMX_API int libpmx_get_lphyid_by_gphyid(uint32_t gphyid, uint32_t *lphyid);
+LIBPMX_API int libpmx_get_lphyid_by_gphyid_ext(uint32_t gphyid, uint32_t *lphyid);
+/* The gphyid of an lphyid (type 8; any other id handed back): the port's core and local modid,
+ * the card's cid with the subcard of the scid, type 25 for a virtual-unit port. 0; -11 null out
+ * or no core; -7 an scid of no known subcard; the lookups' codes. */
+LIBPMX_API int libpmx_get_gphyid_by_lphyid_detail(uint32_t lphyid, uint32_t *gphyid, int mode);
+LIBPMX_API int libpmx_get_gphyid_by_lphyid(uint32_t lphyid, uint32_t *gphyid);
+LIBPMX_API int libpmx_get_gphyid_by_lphyid_ext(uint32_t lphyid, uint32_t *gphyid);
+/* The module and port of a physical port id: types 7 and 25 by their bits (a split port's
+ * entry first), type 8 through the local port table and modids, type 19 through the interface
+ * table; -4 for another type (18 and 32 included) or a null output. */
+LIBPMX_API int libpmx_get_mod_port_by_phyid_detail(uint32_t phyid, uint32_t *modid, uint32_t *port, int mode);
+LIBPMX_API int libpmx_get_mod_port_by_phyid(uint32_t phyid, uint32_t *modid, uint32_t *port);
+LIBPMX_API int libpmx_get_mod_port_by_phyid_ext(uint32_t phyid, uint32_t *modid, uint32_t *port);
+/* The gphyid of a module port: its card's cid (a split port's entry first); type 25 for a
+ * power-module chip or a local virtual-unit port (a failed test chooses 7). -11 null out; -7 no
+ * cid and no split entry. */
+LIBPMX_API int libpmx_get_phyid_by_mod_port_detail(int32_t modid, int32_t port, uint32_t *phyid, int mode);
+LIBPMX_API int libpmx_get_phyid_by_mod_port(int32_t modid, int32_t port, uint32_t *phyid);
+LIBPMX_API int libpmx_get_phyid_by_mod_port_ext(int32_t modid, int32_t port, uint32_t *phyid);
+LIBPMX_API int libpmx_get_phyid_by_mod_port_ext_db(int32_t modid, int32_t port, uint32_t *phyid);
+/* The lphyid of a local chip port (a split port's entry first): -11 null out; -7 not a port of
+ * this card; -18 a panel port beyond the card's count. */
+LIBPMX_API int libpmx_get_lphyid_by_unit_port_detail(int32_t unit, int32_t port, uint32_t *lphyid, int mode);
+LIBPMX_API int libpmx_get_lphyid_by_unit_port(int32_t unit, int32_t port, uint32_t *lphyid);
+LIBPMX_API int libpmx_get_lphyid_by_unit_port_ext(int32_t unit, int32_t port, uint32_t *lphyid);
+LIBPMX_API int libpmx_get_lphyid_by_unit_port_internal(int32_t unit, int32_t port, uint32_t *lphyid);
+/* The local unit and port of a physical port id, which must be a panel port of this card (a
+ * back-plane port only as type 18): -4 null output or not a physical port; the lookups' codes.
+ * The _ext form uses the cache-only lookups. Unit and port may be written before a failure. */
+LIBPMX_API int libpmx_get_unit_port_by_lphyid(uint32_t phyid, uint32_t *unit, uint32_t *port);
+LIBPMX_API int libpmx_get_unit_port_by_lphyid_ext(uint32_t phyid, uint32_t *unit, uint32_t *port);
+
 /* ======================== Card and subcard ids ========================
  * libpmx_card_addr_id (card type, subcard type -> cid) and libpmx_subcard_type_id (subcard type
  * -> scid), under the interface-table lock. -1 stands for no card type and no cid. */

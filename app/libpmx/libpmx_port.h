@@ -144,8 +144,8 @@ LIBPMX_API int libpmx_port_set_bp_lport(uint32_t lport, uint32_t unit, uint32_t 
 
 /* The record of a chip port, from the table only: 0, -11 null out, -7 not there. */
 LIBPMX_API int libpmx_port_portinfo_by_unit_port(int32_t unit, int32_t port, libpmx_port_info_t *out);
-/* The panel port of a chip port: 0; -11 null out; -7 not a port of this card, or a port without
- * a panel port; the read's code. */
+/* The panel port of a chip port (a back-plane port's too, from the cached back-plane ports): 0;
+ * -11 null out; -7 not a port of this card, or a port without a panel port; the read's code. */
 LIBPMX_API int libpmx_get_lport_by_unit_port_detail(int32_t unit, int32_t port, int32_t *lport, int mode);
 LIBPMX_API int libpmx_get_lport_by_unit_port(int32_t unit, int32_t port, int32_t *lport);     /* mode 2 */
 LIBPMX_API int libpmx_get_lport_by_unit_port_ext(int32_t unit, int32_t port, int32_t *lport); /* mode 0 */
@@ -156,7 +156,8 @@ LIBPMX_API int libpmx_get_unit_port_by_lport_ext(int32_t lport, int32_t *unit, i
 /* The panel-port count of this card: the cached one, else (not yet known) one read of
  * p_dev.local_port_info; -1 when unknown. */
 LIBPMX_API int32_t libpmx_get_local_lport_num(void);
-/* 1 when the chip port is in the table and sits on a virtual unit (table only). */
+/* 1 when the chip port is in the table and takes type 25 in a gphyid: it sits on a virtual unit,
+ * or on a power-module unit (the modid type of its unit and core is 2). Caches only. */
 LIBPMX_API int libpmx_is_local_virtual_unit_port(int32_t unit, int32_t port);
 
 /* 1 when the panel port lies in the back-plane range; the plain form reads the range

@@ -16,6 +16,7 @@
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
 #include "libpmx_lock.hpp"
+#include "libpmx_mod.h"
 #include "libpmx_mom.h"
 #include "libpmx_port.h"
 #include "ssat.h"
@@ -229,6 +230,14 @@ extern "C" int libpmx_port_portinfo_by_unit_port(int32_t unit, int32_t port, lib
 
 extern "C" int libpmx_get_lport_by_unit_port_detail(int32_t unit, int32_t port, int32_t *lport, int mode)
 {
+    if (lport != nullptr) { // a back-plane port is a panel port of this card too
+        Guard g(g_lock, Access::Read);
+        for (const auto &[bp_lport, up] : g_bp)
+            if (static_cast<int32_t>(up.first) == unit && static_cast<int32_t>(up.second) == port) {
+                *lport = static_cast<int32_t>(bp_lport);
+                return LIBPMX_OK;
+            }
+    }
     libpmx_port_info_t info{};
     const int rc = lookup(__func__, lport, unit, port, &info, mode);
     if (rc != LIBPMX_OK) return rc;
@@ -288,7 +297,12 @@ extern "C" int32_t libpmx_get_local_lport_num(void)
 extern "C" int libpmx_is_local_virtual_unit_port(int32_t unit, int32_t port)
 {
     libpmx_port_info_t info{};
-    return find(unit, port, &info) && info.unit_type == 1;
+    if (!find(unit, port, &info)) return 0;
+    if (info.unit_type == 1) return 1;
+    // A power-module unit's ports take type 25 as well: the modid type of the unit is 2.
+    int32_t modid = -1, type = 0;
+    return libpmx_get_lmodid_by_unit_core_ext(static_cast<uint32_t>(unit), info.core, &modid) == LIBPMX_OK &&
+           libpmx_get_modid_type_from_cache(modid, &type) == LIBPMX_OK && type == 2;
 }
 
 extern "C" int libpmx_is_bp_lport_ext(uint32_t lport)
