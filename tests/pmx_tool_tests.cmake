@@ -186,6 +186,14 @@ add_test(NAME pmx_tool_gen_small
 set_tests_properties(pmx_tool_gen_small PROPERTIES
   ENVIRONMENT "PMX_DB=;PMX_CAP_FILE=;PMX_RUN_DIR=${CMAKE_CURRENT_BINARY_DIR}/pmx_tool_run_gen_small")
 # Each error names the file, the path in it and the bad value.
+# pmx verify: every conversion from every card's point of view against the truth table, on the
+# sample chassis and on a second one with cores, subcards in two sub-slots, split ports, sub-routes
+# and power modules.
+pmx_tool_test(verify_small ARGS "verify|--no-progress|${pmx_chassis_dir}/small.topo.json"
+  STDOUT_REGEX "^verified [^\n]*small.topo.json: 5 cards, 29 ports, [0-9]+ answers checked, 0 mismatches\n$")
+pmx_tool_test(verify_mixed ARGS "verify|--no-progress|${pmx_chassis_dir}/mixed.topo.json"
+  STDOUT_REGEX "^verified [^\n]*mixed.topo.json: 12 cards, 178 ports, [0-9]+ answers checked, 0 mismatches\n$")
+
 set(pmx_gen_data ${CMAKE_CURRENT_SOURCE_DIR}/data/gen)
 pmx_tool_test(gen_dup_slot EXPECT_FAIL ARGS "gen|${pmx_gen_data}/dup_slot.topo.json|-o|gen_bad.json"
   STDERR_REGEX "^pmx: [^\n]*/dup_slot.topo.json: devices\\[0\\].slots\\[1\\].slot: slot 3 of device 1 is given twice \\(also devices\\[0\\].slots\\[0\\]\\)\n$")

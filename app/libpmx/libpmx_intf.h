@@ -200,6 +200,10 @@ LIBPMX_API int libpmx_intf_sport_init(void);
  * attributes on a miss (an empty sub-slot is read once, never waited for). 0; -11 null sport;
  * -7 no sub-slot of the card holds the port; the card-type and attribute reads' codes. */
 LIBPMX_API int libpmx_get_global_sport_info(int32_t dev, int32_t slot, libpmx_global_sport_t *sport, int mode);
+/* Change entry point: the chip ports a card type lists are on the card itself (sub-slot 0), with
+ * their panel ports; an entry already learnt is refreshed. 0, or -2 without memory. (A subcard's
+ * ports are learnt by the first lookup that may read, mode 1 or 2.) */
+LIBPMX_API int libpmx_global_sport_set_card_port(int32_t card_type, int32_t unit, int32_t port, int32_t lport);
 /* Every entry: card type, unit, port, sub-slot, panel port; the total. */
 LIBPMX_API void libpmx_dump_global_sport(void);
 

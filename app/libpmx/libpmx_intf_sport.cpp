@@ -120,6 +120,23 @@ extern "C" int libpmx_get_global_sport_info(int32_t dev, int32_t slot, libpmx_gl
     return LIBPMX_OK;
 }
 
+extern "C" int libpmx_global_sport_set_card_port(int32_t card_type, int32_t unit, int32_t port, int32_t lport)
+{
+    libpmx_global_sport_t rec{};
+    rec.card_type = static_cast<uint32_t>(card_type);
+    rec.unit = static_cast<int16_t>(unit);
+    rec.port = static_cast<int16_t>(port);
+    rec.sslot = 0;
+    rec.lport = static_cast<int16_t>(lport);
+    Guard g(g_sport_lock, Access::Write);
+    libpmx_global_sport_t *cur = libpmx_global_sport_get(card_type, unit, port);
+    if (cur != nullptr) {
+        *cur = rec;
+        return LIBPMX_OK;
+    }
+    return libpmx_global_sport_create(&rec) != nullptr ? LIBPMX_OK : LIBPMX_E_NOMEM;
+}
+
 extern "C" void libpmx_dump_global_sport(void)
 {
     std::vector<libpmx_global_sport_t> rows;

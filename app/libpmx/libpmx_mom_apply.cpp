@@ -76,8 +76,16 @@ int apply_sub_route(const UIntf__PmxSubRouteIntf *r, bool add)
 
 int apply_card_stattr(const PDev__DmCardStattrT *r)
 {
+    if (r->index == nullptr) return LIBPMX_E_INVAL;
+    // Every card type's own chip ports: on the card itself, sub-slot 0.
+    for (size_t c = 0; c < r->n_chip_attr_array; ++c) {
+        const PDev__DmChipAttrT *chip = r->chip_attr_array[c];
+        for (size_t p = 0; chip != nullptr && p < chip->n_port_attr; ++p)
+            if (const PDev__DmPortAttrT *pa = chip->port_attr[p]; pa != nullptr)
+                libpmx_global_sport_set_card_port(r->index->type, pa->unit, pa->port, pa->lport);
+    }
     // Only the local card type's attributes are cached.
-    if (r->index == nullptr || r->index->type != libpmx_get_my_card_type(0)) return LIBPMX_OK;
+    if (r->index->type != libpmx_get_my_card_type(0)) return LIBPMX_OK;
     libpmx_card_stattr_t a{};
     const int rc = libpmx_dmcard_stattr_decode(r, &a);
     if (rc == LIBPMX_OK)

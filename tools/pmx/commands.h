@@ -31,6 +31,7 @@ Command add_get_command(CLI::App &app);
 Command add_load_command(CLI::App &app);
 Command add_query_command(CLI::App &app);
 Command add_shell_command(CLI::App &app);
+Command add_verify_command(CLI::App &app);
 Command add_whoami_command(CLI::App &app);
 
 // Runs one debug command line in the process serving module (pid 0: the only one), its output to

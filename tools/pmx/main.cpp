@@ -23,6 +23,7 @@ int main(int argc, char **argv)
     commands.push_back(pmx_tool::add_query_command(app));
     commands.push_back(pmx_tool::add_whoami_command(app));
     commands.push_back(pmx_tool::add_shell_command(app));
+    commands.push_back(pmx_tool::add_verify_command(app));
 
     try {
         app.parse(argc, argv);
