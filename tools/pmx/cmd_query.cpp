@@ -34,6 +34,7 @@ struct QueryOptions {
     int32_t subcard_type = 0;
     int32_t port = 0;
     int mode = 2;
+    bool apply = false; // fill the caches from the records first, as a follower's are
     bool json = false;
 };
 
@@ -149,8 +150,11 @@ Answer unit_port(const std::vector<int32_t> &t, int mode)
     if (a.rc == LIBPMX_OK) a.rc = libpmx_get_subcard_type_scid_by_unit_port(t[0], t[1], &subcard_type, &scid, mode);
     if (a.rc != LIBPMX_OK) return a;
     const bool has_lport = libpmx_get_lport_by_unit_port_detail(t[0], t[1], &lport, 0) == LIBPMX_OK;
+    uint32_t lphyid = 0;
+    const bool has_lphyid = libpmx_get_lphyid_by_unit_port_detail(t[0], t[1], &lphyid, mode) == LIBPMX_OK;
     a.fields = {{"unit", t[0]},
                 {"port", t[1]},
+                {"lphyid", has_lphyid ? phyid_json(lphyid) : Json(nullptr)},
                 {"lport", has_lport ? Json(lport) : Json(nullptr)},
                 {"core", core},
                 {"virtual_unit", libpmx_is_local_virtual_unit_port(t[0], t[1]) != 0},
@@ -169,6 +173,36 @@ Answer split(const std::vector<int32_t> &t)
                                                     &gphyid);
     if (a.rc == LIBPMX_OK)
         a.fields = {{"modid", t[0]}, {"port", t[1]}, {"cid", static_cast<int32_t>(cid)}, {"gphyid", phyid_json(gphyid)}};
+    return a;
+}
+
+// Every conversion that applies to one phyid, each answer decoded (or its result code).
+Answer convert(uint32_t id, int mode)
+{
+    Answer a;
+    auto code = [](int rc) { return Json("result " + std::to_string(rc) + " " + result_name(rc)); };
+    uint32_t out = 0, m = 0, p = 0;
+    int rc = libpmx_get_lphyid_by_gphyid_detail(id, &out, mode);
+    a.fields["phyid"] = phyid_json(id);
+    a.fields["lphyid"] = rc == LIBPMX_OK ? phyid_json(out) : code(rc);
+    rc = libpmx_get_gphyid_by_lphyid_detail(id, &out, mode);
+    a.fields["gphyid"] = rc == LIBPMX_OK ? phyid_json(out) : code(rc);
+    rc = libpmx_get_mod_port_by_phyid_detail(id, &m, &p, mode);
+    a.fields["modid/port"] = rc == LIBPMX_OK ? Json(std::to_string(m) + "/" + std::to_string(p)) : code(rc);
+    rc = mode == 0 ? libpmx_get_unit_port_by_lphyid_ext(id, &m, &p) : libpmx_get_unit_port_by_lphyid(id, &m, &p);
+    a.fields["unit/port"] = rc == LIBPMX_OK ? Json(std::to_string(m) + "/" + std::to_string(p)) : code(rc);
+    a.fields["tunnel"] = libpmx_is_tunnel_phyid(id) != 0;
+    a.fields["physical_port"] = libpmx_is_physical_port(id) != 0;
+    return a;
+}
+
+// The gphyid of a module port and the lphyid of a local chip port.
+Answer mod_port(const std::vector<int32_t> &t, int mode)
+{
+    Answer a;
+    uint32_t g = 0;
+    a.rc = libpmx_get_phyid_by_mod_port_detail(t[0], t[1], &g, mode);
+    if (a.rc == LIBPMX_OK) a.fields = {{"modid", t[0]}, {"port", t[1]}, {"gphyid", phyid_json(g)}};
     return a;
 }
 
@@ -245,7 +279,7 @@ struct TupleQuery {
     const char *what;
     size_t lo, hi;
 };
-constexpr TupleQuery kTupleQueries[] = {{"chip", 3, 4}, {"unit-port", 2, 2}, {"split", 2, 3}};
+constexpr TupleQuery kTupleQueries[] = {{"chip", 3, 4}, {"unit-port", 2, 2}, {"split", 2, 3}, {"mod-port", 2, 2}};
 
 int print_answer(const QueryOptions &opt, const Answer &a, const std::string &described, const std::string &why)
 {
@@ -297,8 +331,12 @@ int tuple_query(const QueryOptions &opt, const TupleQuery &q)
     DbSession session;
     if (!session.open(opt.db)) return kExitFailed;
     libpmx_cap_init(nullptr, "pmx"); // as a process's start-up does: the subcard-id switch and table
+    if (opt.apply && apply_followed_records() != 0) return kExitFailed;
     const std::string &w = opt.what;
-    Answer a = w == "chip" ? chip(t, opt.mode) : w == "unit-port" ? unit_port(t, opt.mode) : split(t);
+    Answer a = w == "chip"        ? chip(t, opt.mode)
+               : w == "unit-port" ? unit_port(t, opt.mode)
+               : w == "mod-port"  ? mod_port(t, opt.mode)
+                                  : split(t);
     if (w == "split" && a.rc == LIBPMX_E_NOT_FOUND) {
         // The split maps are filled by the records of split ports: apply them, then ask again.
         apply_followed_records();
@@ -320,11 +358,14 @@ int query(const QueryOptions &opt)
     DbSession session;
     if (!session.open(opt.db)) return kExitFailed;
     libpmx_cap_init(nullptr, "pmx"); // as a process's start-up does: the subcard-id switch and table
+    if (opt.apply && apply_followed_records() != 0) return kExitFailed;
 
     Answer a;
     const std::string &w = opt.what;
     if (w == "sysport")
         a = sysport(*id, opt.mode);
+    else if (w == "convert")
+        a = convert(*id, opt.mode);
     else if (w == "phyid")
         a = phyid_of_ifx(*id, opt.mode);
     else if (w == "ifx")
@@ -362,26 +403,30 @@ Command add_query_command(CLI::App &app)
                 "  unit-port UNIT/PORT  a chip port of the local card: panel port, core, subcard ids\n"
                 "  split MODID/PORT[/CID]  the gphyid of a split port's module port (cid: which one)\n"
                 "  sysport SYSPORT      the port a system port names\n"
+                "  convert PHYID        every conversion of a phyid: lphyid, gphyid, modid/port, unit/port\n"
+                "  mod-port MODID/PORT  the gphyid of a module port\n"
                 "  sub-ap PHYID         the record of a sub-AP phyid (type 20)\n"
                 "  sub-route PHYID      the record of a sub-route phyid (type 19)\n"
                 "  cid CARD_TYPE        the card id of a card type (--subcard-type)\n"
                 "  scid SUBCARD_TYPE    the subcard id of a subcard type\n"
                 "Ids in decimal or 0x hex. --mode: 0 the caches of this process only, 1 the\n"
                 "database once on a miss, 2 the database with waiting (default). A pmx process\n"
-                "starts with empty caches, so mode 0 answers only what an earlier step cached.\n"
+                "starts with empty caches, so mode 0 answers only what an earlier step cached;\n"
+                "--apply fills them from the records first, as a following process's are.\n"
                 "Examples:\n"
                 "  pmx query --load examples/chassis/small.json phyid 301 --mode 1\n"
                 "  pmx query --db unix:///tmp/pmxdb/redis.sock --json ifx 0x0710190c\n"
                 "  pmx query --load examples/chassis/small.json modid 25 --port 12 --mode 2");
     sub->add_option("what", opt->what, "What to ask")
         ->required()
-        ->check(CLI::IsMember({"phyid", "ifx", "ifx-block", "modid", "chip", "unit-port", "split", "sysport", "sub-ap",
-                               "sub-route", "cid", "scid"}));
+        ->check(CLI::IsMember({"phyid", "ifx", "ifx-block", "modid", "chip", "unit-port", "split", "sysport", "convert",
+                               "mod-port", "sub-ap", "sub-route", "cid", "scid"}));
     sub->add_option("id", opt->id, "The id asked about")->required();
     sub->add_option("--mode", opt->mode, "Read mode: 0, 1 or 2")->check(CLI::Range(0, 2));
     sub->add_option("--subcard-type", opt->subcard_type, "Subcard type of a cid query (default 0)");
     sub->add_option("--port", opt->port, "Chip port of a modid query (default 0)");
     sub->add_flag("--json", opt->json, "Print one JSON object");
+    sub->add_flag("--apply", opt->apply, "Fill the caches from the records first, as the change callbacks do");
     add_db_options(sub, &opt->db);
     return Command{sub, [opt] { return query(*opt); }};
 }

@@ -75,7 +75,7 @@ nlohmann::ordered_json phyid_json(uint32_t phyid)
 
 std::string describe_id(const std::string &query, uint32_t id)
 {
-    if (query == "ifx" || query == "ifx-block" || query == "sub-ap" || query == "sub-route")
+    if (query == "ifx" || query == "ifx-block" || query == "sub-ap" || query == "sub-route" || query == "convert")
         return phyid_json(id)["text"];
     if (query == "cid" || query == "scid" || query == "modid") return std::to_string(static_cast<int32_t>(id));
     return std::to_string(id);
