@@ -152,6 +152,8 @@ pmx_db_test(query_split ARGS "query|--load|${pmx_chassis}|split|16/16/2" STDOUT_
 pmx_db_test(query_sysport ARGS "query|--load|${pmx_chassis}|sysport|772" STDOUT_REGEX "lport +4\n  gphyid +0x0710190f ")
 pmx_db_test(query_convert ARGS "query|--load|${pmx_chassis}|--apply|--mode|0|convert|0x0800000c"
   STDOUT_REGEX "gphyid +0x0710190c [^\n]*\n  modid/port +\"25/12\"\n  unit/port +\"0/12\"\n")
+pmx_db_test(query_convert_tunnel ARGS "query|--load|${pmx_chassis}|convert|0x20000005"
+  STDOUT_REGEX "modid/port +\"result -4 LIBPMX_E_INVAL: a tunnel id is no physical port\"")
 pmx_db_test(query_mod_port ARGS "query|--load|${pmx_chassis}|mod-port|81/1" STDOUT_REGEX "gphyid +0x19185101 \\(power-module")
 pmx_db_test(query_bad_tuple EXPECT_FAIL ARGS "query|chip|1/3" STDERR_REGEX "'1/3' takes 3 to 4 numbers separated by '/'")
 # pmx dump: the library's tables filled from the records as the change callbacks fill them.

@@ -180,7 +180,28 @@ Answer split(const std::vector<int32_t> &t)
 Answer convert(uint32_t id, int mode)
 {
     Answer a;
-    auto code = [](int rc) { return Json("result " + std::to_string(rc) + " " + result_name(rc)); };
+    const uint32_t type = id >> 24;
+    // Why a conversion refused the id, in the terms of the id.
+    auto code = [id, type, mode](int rc) {
+        std::string why;
+        if (id == 0)
+            why = "phyid 0 is no port";
+        else if (rc == LIBPMX_E_INVAL && libpmx_is_tunnel_phyid(id))
+            why = "a tunnel id is no physical port";
+        else if (rc == LIBPMX_E_INVAL && type == LIBPMX_PHYID_BACKPLANE)
+            why = "a back-plane id has no module port";
+        else if (rc == LIBPMX_E_INVAL && !libpmx_is_physical_port(id))
+            why = "type " + std::to_string(type) + " is no physical port";
+        else if (rc == LIBPMX_E_INVAL)
+            why = "not a port of this card";
+        else if (rc == LIBPMX_E_PORT_RANGE)
+            why = "its panel port is beyond this card's count";
+        else if (rc == LIBPMX_E_NOT_FOUND && mode == 0)
+            why = "not in the caches of this process (mode 0 does not read the database; --apply fills them)";
+        else if (rc == LIBPMX_E_NOT_FOUND || rc == LIBPMX_E_FAIL)
+            why = "not a port of this card, or not known to the caches or the database";
+        return Json("result " + std::to_string(rc) + " " + result_name(rc) + (why.empty() ? "" : ": " + why));
+    };
     uint32_t out = 0, m = 0, p = 0;
     int rc = libpmx_get_lphyid_by_gphyid_detail(id, &out, mode);
     a.fields["phyid"] = phyid_json(id);
@@ -320,6 +341,15 @@ std::string tuple_result_text(int rc, const std::string &w, const std::vector<in
     return result_name(rc);
 }
 
+// The store of a query, and this process's start-up: the capability data (the subcard-id switch
+// and table), and with --apply the caches filled from the records. False when it failed (printed).
+bool start(const QueryOptions &opt, DbSession *session)
+{
+    if (!session->open(opt.db)) return false;
+    libpmx_cap_init(nullptr, "pmx");
+    return !opt.apply || apply_followed_records() == 0;
+}
+
 int tuple_query(const QueryOptions &opt, const TupleQuery &q)
 {
     std::string why;
@@ -329,9 +359,7 @@ int tuple_query(const QueryOptions &opt, const TupleQuery &q)
         return kExitUsage;
     }
     DbSession session;
-    if (!session.open(opt.db)) return kExitFailed;
-    libpmx_cap_init(nullptr, "pmx"); // as a process's start-up does: the subcard-id switch and table
-    if (opt.apply && apply_followed_records() != 0) return kExitFailed;
+    if (!start(opt, &session)) return kExitFailed;
     const std::string &w = opt.what;
     Answer a = w == "chip"        ? chip(t, opt.mode)
                : w == "unit-port" ? unit_port(t, opt.mode)
@@ -356,9 +384,7 @@ int query(const QueryOptions &opt)
         return kExitUsage;
     }
     DbSession session;
-    if (!session.open(opt.db)) return kExitFailed;
-    libpmx_cap_init(nullptr, "pmx"); // as a process's start-up does: the subcard-id switch and table
-    if (opt.apply && apply_followed_records() != 0) return kExitFailed;
+    if (!start(opt, &session)) return kExitFailed;
 
     Answer a;
     const std::string &w = opt.what;
