@@ -38,6 +38,7 @@ struct VerifyOptions {
     std::string topology;
     std::string db; // empty: a private embedded store per card
     int show = 10;  // mismatches listed in full
+    int jobs = 2;   // card processes at once
     bool progress = true;
 };
 
@@ -191,8 +192,15 @@ private:
     _exit(0);
 }
 
-// Runs one card's checks in a child process: its result, or an error object.
-Json check_card(const VerifyOptions &opt, const std::string &card)
+// A card's check process: its pid and the read end of its result pipe.
+struct Running {
+    std::string card;
+    pid_t pid = -1;
+    int fd = -1;
+};
+
+// Starts one card's checks in a child process; an error object when it cannot.
+Json start_card(const VerifyOptions &opt, const std::string &card, Running *run)
 {
     Chassis c;
     std::string error;
@@ -208,15 +216,26 @@ Json check_card(const VerifyOptions &opt, const std::string &card)
         check_in_child(opt, c, card, fds[1]);
     }
     close(fds[1]);
+    if (pid < 0) {
+        close(fds[0]);
+        return Json{{"card", card}, {"error", "cannot start the check process of " + card}};
+    }
+    *run = Running{card, pid, fds[0]};
+    return nullptr;
+}
+
+// The result of a started card's checks, once its process has ended.
+Json finish_card(const Running &run)
+{
     std::string text;
     char buf[4096];
-    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
-    close(fds[0]);
+    for (ssize_t n; (n = read(run.fd, buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+    close(run.fd);
     int status = 0;
-    if (pid > 0) waitpid(pid, &status, 0);
-    if (pid < 0 || text.empty())
-        return Json{{"card", card}, {"error", "the check process of " + card + " ended without a result (status " +
-                                                  std::to_string(status) + ")"}};
+    waitpid(run.pid, &status, 0);
+    if (text.empty())
+        return Json{{"card", run.card}, {"error", "the check process of " + run.card +
+                                                      " ended without a result (status " + std::to_string(status) + ")"}};
     return Json::parse(text, nullptr, false);
 }
 
@@ -230,8 +249,9 @@ void progress(size_t done, size_t all, const std::string &card)
     std::fflush(stderr);
 }
 
-int verify(const VerifyOptions &opt)
+int verify(VerifyOptions opt)
 {
+    if (!opt.db.empty()) opt.jobs = 1; // the cards' local records are singletons of one store
     Chassis chassis;
     std::string error;
     if (!generate_chassis(opt.topology, {}, &chassis, &error)) {
@@ -248,14 +268,15 @@ int verify(const VerifyOptions &opt)
     int64_t ports = 0, checked = 0, bad = 0, errors = 0;
     std::map<std::string, int64_t> by;
     Json first = Json::array();
-    for (size_t i = 0; i < cards.size(); ++i) {
-        if (opt.progress) progress(i, cards.size(), cards[i]);
-        const Json r = check_card(opt, cards[i]);
+    size_t done = 0;
+    auto take = [&](const Json &r, const std::string &card) {
+        ++done;
+        if (opt.progress) progress(done, cards.size(), card);
         if (r.is_discarded() || r.contains("error")) {
             ++errors;
-            std::fprintf(stderr, "\npmx: card %s: %s\n", cards[i].c_str(),
+            std::fprintf(stderr, "\npmx: card %s: %s\n", card.c_str(),
                          r.is_discarded() ? "unreadable result" : r["error"].get<std::string>().c_str());
-            continue;
+            return;
         }
         ports += r["ports"].get<int64_t>();
         checked += r["checked"].get<int64_t>();
@@ -263,8 +284,23 @@ int verify(const VerifyOptions &opt)
         for (const auto &[key, n] : r["by"].items()) by[key] += n.get<int64_t>();
         for (const Json &m : r["first"])
             if (static_cast<int>(first.size()) < opt.show) first.push_back(m);
+    };
+    // Up to opt.jobs card processes at once; results taken in the order the cards started.
+    std::vector<Running> running;
+    if (opt.progress) progress(0, cards.size(), "");
+    for (const std::string &card : cards) {
+        if (static_cast<int>(running.size()) >= opt.jobs) {
+            take(finish_card(running.front()), running.front().card);
+            running.erase(running.begin());
+        }
+        Running run;
+        const Json failed = start_card(opt, card, &run);
+        if (!failed.is_null())
+            take(failed, card);
+        else
+            running.push_back(run);
     }
-    if (opt.progress) progress(cards.size(), cards.size(), "");
+    for (const Running &run : running) take(finish_card(run), run.card);
     std::printf("verified %s: %zu cards, %lld ports, %lld answers checked, %lld mismatches\n", opt.topology.c_str(),
                 cards.size(), static_cast<long long>(ports), static_cast<long long>(checked),
                 static_cast<long long>(bad));
@@ -294,6 +330,8 @@ Command add_verify_command(CLI::App &app)
     sub->add_option("topology", opt->topology, "The chassis topology")->required();
     sub->add_option("--db", opt->db, "A database server for the stores (default: a private embedded store per card)");
     sub->add_option("--show", opt->show, "Mismatches listed in full (default 10)");
+    sub->add_option("--jobs", opt->jobs, "Card processes at once (default 2; 1 with --db, whose singletons they share)")
+        ->check(CLI::Range(1, 64));
     sub->add_flag("!--no-progress", opt->progress, "No progress bar on standard error");
     return Command{sub, [opt] { return verify(*opt); }};
 }
