@@ -52,7 +52,7 @@ int libpmx_get_dev_slot_unit_port_by_gphyid_ext(uint32_t gphyid, SubPort *out)
     }
     libpmx_intf_info_t info{};
     if (!pmx::intf_node_by_phyid(gphyid, &info)) {
-        PMX_INFO("gphyid:0x%x ret:%d", gphyid, LIBPMX_E_NOT_FOUND);
+        PMX_WARN("gphyid:0x%x ret:%d", gphyid, LIBPMX_E_NOT_FOUND);
         return LIBPMX_E_NOT_FOUND;
     }
     *out = SubPort{info.dev, info.slot, info.unit, info.port, info.core};
@@ -70,8 +70,8 @@ int libpmx_get_dev_slot_unit_port_by_gphyid(uint32_t gphyid, SubPort *out, int m
         return rc;
     }
     *out = SubPort{info.dev, info.slot, info.unit, info.port, info.core};
-    PMX_DEBUG("gphyid:0x%x dev:%d slot:%d unit:%d port:%d core:%d", gphyid, out->dev, out->slot, out->unit, out->port,
-              out->core);
+    PMX_INFO("gphyid:0x%x dev:%d slot:%d unit:%d port:%d core:%d", gphyid, out->dev, out->slot, out->unit, out->port,
+             out->core);
     return LIBPMX_OK;
 }
 
@@ -93,7 +93,7 @@ int libpmx_get_unit_port_by_sub_gphyid(uint32_t gphyid, int32_t *unit, int32_t *
     }
     *unit = sp.unit;
     *port = sp.port;
-    PMX_DEBUG("gphyid:0x%x unit:%d port:%d", gphyid, *unit, *port);
+    PMX_INFO("gphyid:0x%x unit:%d port:%d", gphyid, *unit, *port);
     return LIBPMX_OK;
 }
 
@@ -125,6 +125,8 @@ int match_scid(void *entry, void *arg)
     return 1;
 }
 
+constexpr const char *kLphyidByGphyid = "libpmx_get_lphyid_by_gphyid_detail";
+
 // The subcard type of a type-7/25 port from its cid, else from its module's card.
 int subcard_type_of_gphyid(int32_t modid, int32_t port, uint32_t cid, int mode, int32_t *subcard_type)
 {
@@ -139,13 +141,14 @@ int subcard_type_of_gphyid(int32_t modid, int32_t port, uint32_t cid, int mode, 
     }
     int32_t card_type = -1;
     if (libpmx_get_card_type_by_modid_port(modid, port, &card_type, subcard_type, mode) != LIBPMX_OK) {
-        PMX_ERROR("get card type failed modid:%d flag:%d", modid, mode);
+        PMX_LOG_AS(kLphyidByGphyid, LIBPMX_ZLOG_ERROR, "get card type failed modid:%d flag:%d", modid, mode);
         return LIBPMX_E_FAIL;
     }
     return LIBPMX_OK;
 }
 
-// The scid of a subcard type: the subcard-id cache (write lock), else the capability data.
+// The scid of a subcard type: the subcard-id cache (write lock, since a miss fills it), else the
+// capability data, whose answer is then cached.
 int scid_of_subcard_type(int32_t subcard_type, int32_t *scid)
 {
     {
@@ -156,9 +159,10 @@ int scid_of_subcard_type(int32_t subcard_type, int32_t *scid)
         }
     }
     if (libpmx_get_scid_by_subcard_type(subcard_type, scid) != LIBPMX_OK) {
-        PMX_ERROR("libpmx_subcard_type_id_get fail. subcard_type:%d", subcard_type);
+        PMX_LOG_AS(kLphyidByGphyid, LIBPMX_ZLOG_ERROR, "libpmx_subcard_type_id_get fail. subcard_type:%d", subcard_type);
         return LIBPMX_E_NOT_FOUND;
     }
+    libpmx_cache_scid_with_subcard_type(subcard_type, *scid);
     return LIBPMX_OK;
 }
 
@@ -274,9 +278,11 @@ int unit_port_by_lphyid(const char *func, uint32_t phyid, uint32_t *unit, uint32
         u = static_cast<int32_t>(phyid >> 8 & 0xFF);
         p = static_cast<int32_t>(phyid & 0xFF);
     }
-    // Written before the locality test, which may still fail.
-    *unit = static_cast<uint32_t>(u);
-    *port = static_cast<uint32_t>(p);
+    // Types 7, 18 and 19 write their unit and port before the locality test, which may still fail.
+    if (type != LIBPMX_PHYID_LOCAL) {
+        *unit = static_cast<uint32_t>(u);
+        *port = static_cast<uint32_t>(p);
+    }
     int32_t lport = -1;
     const int rc = ext ? libpmx_get_lport_by_unit_port_ext(u, p, &lport) : libpmx_get_lport_by_unit_port(u, p, &lport);
     if (rc != LIBPMX_OK) {
@@ -288,6 +294,8 @@ int unit_port_by_lphyid(const char *func, uint32_t phyid, uint32_t *unit, uint32
         PMX_LOG_AS(func, LIBPMX_ZLOG_ERROR, "lphyid:0x%x lport:%d, phyid is not bp phyid", phyid, lport);
         return LIBPMX_E_NOT_FOUND;
     }
+    *unit = static_cast<uint32_t>(u);
+    *port = static_cast<uint32_t>(p);
     PMX_LOG_AS(func, LIBPMX_ZLOG_INFO, "phyid:0x%x, unit:%d, port:%d", phyid, u, p);
     return LIBPMX_OK;
 }
@@ -535,8 +543,8 @@ extern "C" int libpmx_get_lphyid_by_unit_port_detail(int32_t unit, int32_t port,
         PMX_ERROR("get lport failed unit:%d, port:%d", unit, port);
         return LIBPMX_E_NOT_FOUND;
     }
-    const int32_t max_lport = libpmx_get_local_lport_num();
-    if (lport > max_lport) {
+    const int32_t max_lport = libpmx_get_local_lport_num(); // -1 while unknown: nothing to check against
+    if (max_lport >= 0 && lport > max_lport) {
         PMX_ERROR("unit %d port %d: lport %d > max_lport %d", unit, port, lport, max_lport);
         return LIBPMX_E_PORT_RANGE;
     }

@@ -83,7 +83,7 @@ int res_with_fallback(int32_t modid, bool read_db, chipid_res_t *res)
 }
 
 // The modid of a node's unit and core from the per-slot record of the node's gslot.
-int modid_by_node_unit_core(int32_t node, int32_t unit, int32_t core, int32_t *modid)
+int libpmx_get_modid_by_node_unit_core(int32_t node, int32_t unit, int32_t core, int32_t *modid)
 {
     const int32_t gslot = libpmx_get_gslot_by_node(node);
     if (gslot < 0 || gslot >= LIBPMX_GSLOT_MAX) {
@@ -114,7 +114,7 @@ int modid_by_node_unit_core(int32_t node, int32_t unit, int32_t core, int32_t *m
 }
 
 // The modid of a unit and core of this card; every way of not finding it is -7.
-int local_modid_by_unit_core(uint32_t unit, int32_t core, int32_t *modid)
+int libpmx_get_local_modid_by_unit_core(uint32_t unit, int32_t core, int32_t *modid)
 {
     const int32_t node = libpmx_get_my_node(1);
     if (node <= 0) {
@@ -541,7 +541,7 @@ extern "C" int libpmx_get_modid_by_dev_slot_unit_core(int32_t *modid, int32_t de
         return LIBPMX_E_INVAL;
     }
     const int32_t node = libpmx_get_node_by_dev_slot(dev, slot);
-    const int rc = modid_by_node_unit_core(node, unit, core, modid);
+    const int rc = libpmx_get_modid_by_node_unit_core(node, unit, core, modid);
     if (rc != LIBPMX_OK) PMX_ERROR("get modid failed, nodeid=%d unit:%d core:%d", node, unit, core);
     return rc;
 }
@@ -562,7 +562,7 @@ extern "C" int libpmx_get_first_modid_by_unit(int32_t unit, int32_t *modid, int 
         PMX_ERROR("get my node failed, unit:%d", unit);
         return LIBPMX_E_FAIL;
     }
-    return modid_by_node_unit_core(node, unit, 0, modid);
+    return libpmx_get_modid_by_node_unit_core(node, unit, 0, modid);
 }
 
 extern "C" int libpmx_get_mod_port_by_node(int32_t node, int32_t *modid, int32_t *cpu_port)
@@ -572,7 +572,7 @@ extern "C" int libpmx_get_mod_port_by_node(int32_t node, int32_t *modid, int32_t
                   static_cast<void *>(cpu_port));
         return LIBPMX_E_INVAL;
     }
-    const int rc = modid_by_node_unit_core(node, 0, 0, modid);
+    const int rc = libpmx_get_modid_by_node_unit_core(node, 0, 0, modid);
     if (rc == LIBPMX_OK) *cpu_port = 0;
     return rc;
 }
@@ -584,11 +584,12 @@ extern "C" int libpmx_get_lmodid_by_unit_core_detail(uint32_t unit, int32_t core
                   static_cast<void *>(modid));
         return LIBPMX_E_INVAL;
     }
-    int rc = local_modid_by_unit_core(unit, core, modid);
+    int rc = libpmx_get_local_modid_by_unit_core(unit, core, modid);
     if (rc == LIBPMX_OK) {
         PMX_DEBUG("unit:%d, coreid:%d, modid:%d", static_cast<int32_t>(unit), core, *modid);
         return LIBPMX_OK;
     }
+    if (rc == LIBPMX_E_FAIL) return rc; // this card's node is unknown: no table of its own to read
     if (mode == 0) {
         PMX_WARN("modid isn't exit, unit:%d coreid:%d", static_cast<int32_t>(unit), core);
         return LIBPMX_E_NOT_FOUND;
@@ -602,7 +603,7 @@ extern "C" int libpmx_get_lmodid_by_unit_core_detail(uint32_t unit, int32_t core
         PMX_ERROR("get mod tbl fail, unit:%d coreid:%d ret:%d", static_cast<int32_t>(unit), core, read_rc);
         return read_rc;
     }
-    rc = local_modid_by_unit_core(unit, core, modid);
+    rc = libpmx_get_local_modid_by_unit_core(unit, core, modid);
     if (rc != LIBPMX_OK) {
         PMX_WARN("modid isn't exit, unit:%d coreid:%d", static_cast<int32_t>(unit), core);
         return rc;

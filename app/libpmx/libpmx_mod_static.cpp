@@ -19,11 +19,12 @@ namespace
 
 constexpr useconds_t kRetryUs = 100000;
 
-// The ids of a scheme in one line of at most 128 bytes ("%d, " each), or its failure.
-void log_ids(const char *scheme, const uint32_t *ids, int32_t n, int rc)
+// The ids of a scheme in one line of at most 128 bytes ("%d, " each), or its failure, under the
+// scheme's function name (func).
+void log_ids(const char *func, const char *scheme, const uint32_t *ids, int32_t n, int rc)
 {
     if (rc != LIBPMX_OK) {
-        PMX_ERROR("get %s-static-modid failed, ret %d", scheme, rc);
+        PMX_LOG_AS(func, LIBPMX_ZLOG_ERROR, "get %s-static-modid failed, ret %d", scheme, rc);
         return;
     }
     char buf[128] = {0};
@@ -38,7 +39,8 @@ void log_ids(const char *scheme, const uint32_t *ids, int32_t n, int rc)
             used += static_cast<size_t>(w);
         }
     }
-    PMX_NOTICE("did get %s-static-modid: [ %s ] %s", scheme, buf, overflowed ? "buff overflowed !!!" : "");
+    PMX_LOG_AS(func, LIBPMX_ZLOG_NOTICE, "did get %s-static-modid: [ %s ] %s", scheme, buf,
+               overflowed ? "buff overflowed !!!" : "");
 }
 
 // The ids the card's virtual units take when they are not in use: the card type's virtual chips
@@ -203,7 +205,7 @@ extern "C" int libpmx_get_static_modid_detail(uint32_t *ids, int32_t capacity, i
     int32_t n = 0;
     if (alloc_mode == 4) {
         rc = libpmx_mod_alloc_id_static(node_type, dev, slot, libpmx_get_my_card_type(1), ids, capacity, &n);
-        log_ids("cap", ids, n, rc);
+        log_ids("libpmx_mod_alloc_id_static", "cap", ids, n, rc);
     } else if (node_type == 2) {
         ids[0] = static_cast<uint32_t>(slot + (dev - 1) * 2 - 21);
         n = 1;
@@ -216,10 +218,10 @@ extern "C" int libpmx_get_static_modid_detail(uint32_t *ids, int32_t capacity, i
             rc = LIBPMX_E_FAIL;
         } else if (alloc_mode == 1) {
             rc = libpmx_mod_alloc_id_dune_static(gslot, mode4, ids);
-            log_ids("dune", ids, id_num, rc);
+            if (rc == LIBPMX_OK) log_ids("libpmx_mod_alloc_id_dune_static", "dune", ids, id_num, rc); // its failure is logged
         } else if (alloc_mode == 2) {
             rc = libpmx_mod_alloc_id_ctc_static(gslot, mode4, ids);
-            log_ids("ctc", ids, id_num, rc);
+            log_ids("libpmx_mod_alloc_id_ctc_static", "ctc", ids, id_num, rc);
         } else {
             PMX_ERROR("invalid mode alloc type:%d", static_cast<int32_t>(alloc_mode));
             rc = LIBPMX_E_FAIL;

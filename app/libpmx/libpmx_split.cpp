@@ -407,7 +407,9 @@ extern "C" int libpmx_split_cache_get_lport_by_gslot_unit_port(int32_t gslot, ui
 extern "C" int libpmx_split_cache_get_my_slot_lport_by_unit_port(uint32_t unit, uint32_t port, int32_t *slot,
                                                                  uint32_t *lport)
 {
-    if (t_ignore == 0 && (slot == nullptr || lport == nullptr)) {
+    // An ignoring thread fails at once, before this card's slot is asked for.
+    if (t_ignore != 0) return libpmx_split_cache_get_lport_by_gslot_unit_port(-1, unit, port, lport);
+    if (slot == nullptr || lport == nullptr) {
         PMX_ERROR("invalid param, slot %p, lport %p", static_cast<void *>(slot), static_cast<void *>(lport));
         return LIBPMX_E_INVAL;
     }
