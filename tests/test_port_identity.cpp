@@ -359,7 +359,7 @@ TEST_F(PortIdentity, ThreadWithoutContextGetsNoDbAtOnce)
 
 TEST_F(PortIdentity, PortInitClearsCompleteFlagsAndOnlinePorts)
 {
-    libpmx_port_set_card_complete(1, 1);
+    libpmx_port_set_card_complete(1, 1, 1);
     ASSERT_EQ(libpmx_port_set_lport_online(33, 1), 0);
     EXPECT_EQ(libpmx_port_lport_is_online(33), 1);
     EXPECT_EQ(libpmx_port_lport_is_online(32), 0);

@@ -19,6 +19,7 @@
 #include "libpmx_cap.h"
 #include "libpmx_dbg.h"
 #include "libpmx_lock.hpp"
+#include "libpmx_notify.hpp"
 #include "libpmx_platform_code.h"
 #include "libpmx_protoc_fmt.h"
 #include "libpmx_records.h"
@@ -368,67 +369,14 @@ const libpmx_dbg_cmd_t kMomCommands[] = {
     {"set_block_times", "times=%d (>0)", libpmx_dbg_cmd_set_block_times},
 };
 
-// ---- the library's data source ----
-
-constexpr const char *kOwner = "libpmx";
-
-// The followed kinds of the catalogue, in its order: the data source's in-keys (the catalogue
-// holds exactly LIBPMX_MOM_IN_KEYS of them).
-struct InKeys {
-    qv_mom_key_desc_t keys[LIBPMX_MOM_IN_KEYS] = {};
-    InKeys()
-    {
-        uint32_t n = 0;
-        for (uint32_t i = 0; const libpmx_record_kind_t *kind = libpmx_record_kind_at(i); ++i) {
-            if (kind->followed != 0)
-                keys[n++] = qv_mom_key_desc_t{kind->key, kind->record, kOwner, kind->db};
-        }
-    }
-};
-
-const InKeys &in_keys()
-{
-    static const InKeys keys;
-    return keys;
-}
-
-// Value of the snapshot option: existing records are delivered when the source starts.
-constexpr int kSnapshotOn = 1;
-
 } // namespace
 
-extern "C" const qv_mom_key_desc_t *libpmx_mom_in_keys(void)
+namespace pmx
 {
-    return in_keys().keys;
-}
 
-// glb: the application's context; the library registers through its own handle g_libpmx_mom_ab.
-extern "C" int libpmx_mom_init(void *glb, const char *app_name)
+void mom_add_cmds()
 {
-    (void)glb;
-    PMX_INFO("inkeys keys_num:%d, outkey keys_num:%d", LIBPMX_MOM_IN_KEYS, 0);
-    const int ds = qv_mom_reg_ds(g_libpmx_mom_ab, in_keys().keys, LIBPMX_MOM_IN_KEYS, nullptr, 0);
-    if (ds < 0) {
-        const int code = pmx::code_of_mom(ds);
-        PMX_ERROR("reg ds fail, ds_id:%d\n", ds);
-        PMX_ERROR("libpmx ds register failed, ret:%d\n", code);
-        return code;
-    }
-    const int rc = qv_mom_set_ds_opt(g_libpmx_mom_ab, ds, QV_MOM_DS_OPT_SNAPSHOT, kSnapshotOn);
-    if (rc != 0) {
-        PMX_ERROR("reg ds opt fail, ds_id:%d value:%d ret:%d\n", ds, kSnapshotOn, rc);
-        PMX_ERROR("platform code %d returned as %d", rc, pmx::code_of_mom(rc));
-        return pmx::code_of_mom(rc);
-    }
-    g_libpmx_mom.ds = ds;
     libpmx_dbg_add_cmds(kMomCommands, sizeof kMomCommands / sizeof kMomCommands[0]);
-    PMX_INFO("[app_name:%s] data source %d registered", app_name, ds);
-    PMX_INFO("mom init success\n");
-    return LIBPMX_OK;
 }
 
-// The timed event delivery keeps its queues with it; at load there is nothing to set up yet.
-extern "C" int libpmx_event_list_init(void)
-{
-    return LIBPMX_OK;
-}
+} // namespace pmx

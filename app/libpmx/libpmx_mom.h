@@ -14,6 +14,7 @@
 
 #include "libpmx_errno.h"
 #include "libpmx_export.h"
+#include "libpmx_hash.h"
 #include "libpmx_types.h"
 #include "qv_mom.h"
 
@@ -101,7 +102,167 @@ LIBPMX_API const qv_mom_key_desc_t *libpmx_mom_in_keys(void);
  * the library does not follow; -11 null; else the owner's code. */
 LIBPMX_API int libpmx_mom_record_apply(const ProtobufCMessage *record, int event);
 
-/* Sets up the timed event delivery at load; 0. Its queues come with the delivery itself. */
+/* The change callbacks of the subscribed records, in the order of the in-keys. Each applies the
+ * record to its owner's cache (libpmx_mom_record_apply), raises the ready bits its record
+ * completes and queues the events of the timed delivery. context is the database event thread's
+ * record; event is QV_MOM_EVENT_ADD (added or changed) or QV_MOM_EVENT_DEL. */
+LIBPMX_API void libpmx_mom_my_info_cb(void *context, int event, const ProtobufCMessage *key,
+                                      const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_local_port_info_cb(void *context, int event, const ProtobufCMessage *key,
+                                              const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_unit_port_cb(void *context, int event, const ProtobufCMessage *key,
+                                        const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_card_stattr_cb(void *context, int event, const ProtobufCMessage *key,
+                                          const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_dplib_complete_cb(void *context, int event, const ProtobufCMessage *key,
+                                             const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_card_info_cb(void *context, int event, const ProtobufCMessage *key,
+                                        const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_local_card_port_ready_cb(void *context, int event, const ProtobufCMessage *key,
+                                                    const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_bp_lport_info_cb(void *context, int event, const ProtobufCMessage *key,
+                                            const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_bp_lport_tbl_cb(void *context, int event, const ProtobufCMessage *key,
+                                           const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_ifx_tbl_add_cb(void *context, int event, const ProtobufCMessage *key,
+                                          const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_ifx_tbl_del_cb(void *context, int event, const ProtobufCMessage *key,
+                                          const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_sub_ap_intf_add_cb(void *context, int event, const ProtobufCMessage *key,
+                                              const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_sub_ap_intf_del_cb(void *context, int event, const ProtobufCMessage *key,
+                                              const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_sub_route_intf_add_cb(void *context, int event, const ProtobufCMessage *key,
+                                                 const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_sub_route_intf_del_cb(void *context, int event, const ProtobufCMessage *key,
+                                                 const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_phy_tbl_cb(void *context, int event, const ProtobufCMessage *key,
+                                      const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_mod_tbl_cb(void *context, int event, const ProtobufCMessage *key,
+                                      const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_card_address_id_cb(void *context, int event, const ProtobufCMessage *key,
+                                              const ProtobufCMessage *record);
+LIBPMX_API void libpmx_mom_my_chss_cb(void *context, int event, const ProtobufCMessage *key,
+                                      const ProtobufCMessage *record);
+/* The data source's "all loaded" event (event 1): serves the first type-1 hook, then raises the
+ * ready bit of type 1 and dispatches types 2, 3 and 4. */
+LIBPMX_API void libpmx_all_ds_event_cb(void *context, int ds, int event, void *arg);
+
+/* ---- notify hooks: a module learns that the data it needs is ready ----
+ *
+ * Ready bits: bit t of g_libpmx_notify_flag is the ready bit of notify type t; bits are only
+ * ever set. A type is dispatched once all the bits of its mask are set:
+ *   1 all data sources loaded (mask 0x2)         5 the local module id known (0x20)
+ *   2 local card complete (0x6)                  6 the local identity known (0x40)
+ *   3 local line card complete (0x2a)            7 the own chassis known (0x80)
+ *   4 every card complete (0x32)                 8 a chip slot changed (always; per slot)
+ * A hook of types 1 to 7 runs once: at registration when its type is ready already, else at
+ * the dispatch that finds its bits set; hooks of one type run in registration order. Hooks of
+ * type 8 stay and run for every module-table change. Hooks run in the thread that raised the
+ * bit (the database event thread) or in the registering thread, with no lock of the library
+ * held: a hook may query and register. */
+#define LIBPMX_NOTIFY_DS_ALL_EVENT 1
+#define LIBPMX_NOITFY_CARD_EVENT 2
+#define LIBPMX_NOTIFY_LC_EVENT 3
+#define LIBPMX_NOTIFY_GLOBAL_EVENT 4
+#define LIBPMX_NOTIFY_LMODID_EVENT 5
+#define LIBPMX_NOTIFY_MYINFO_EVENT 6
+#define LIBPMX_NOTIFY_MYCHSS_EVENT 7
+#define LIBPMX_NOTIFY_CHIPSLOT_EVENT 8
+
+/* The ready word; read and or-ed atomically, never cleared. */
+LIBPMX_API extern uint32_t g_libpmx_notify_flag;
+
+/* Registers hook for a notify type: 0, or -11 for a null hook or a failed allocation. A type that
+ * is ready already is dispatched before the call returns; a new type-8 entry is also called at
+ * once for every chip slot whose module ids are allocated (event 0, the slot's record as arg). */
+LIBPMX_API int libpmx_notify_reg(int type, libpmx_notify_hook_fn hook);
+/* Not supported: a module that registered cannot withdraw. Always -11. */
+LIBPMX_API int libpmx_notify_unreg(int type);
+/* Dispatches type in the calling thread when its ready bit is set: 1 then, else 0. */
+LIBPMX_API int libpmx_notify_check_ready(int type);
+/* Calls the hooks of type with (context, type, event, arg) when every bit of its mask is set. */
+LIBPMX_API void libpmx_notify_handle(void *context, int type, int event, void *arg);
+/* Debug command "dump_notify": which of types 1 to 7 are ready, and the hooks waiting. */
+LIBPMX_API void libpmx_dump_notify_ready(void);
+
+/* ---- readiness of cards and sub-slots ---- */
+
+/* 1 when the local card-port-ready cache holds the sub-slot key (a local sub-slot whose port
+ * readiness record arrived), else 0. dev and slot are not used: the cache is this card's. */
+LIBPMX_API int libpmx_check_sslot_ready(int dev, int slot, int key);
+/* Blocks until the status is complete, the thread's bar on waiting lifted first. 0 or 1: the
+ * sub-slot's port-readiness record exists (0) or says its ports are ready (1); 2: the local card
+ * is complete; 3 and any other status are not waited for and give 0 at once. 0, or the wait's
+ * code. */
+LIBPMX_API int libpmx_block_device_status(int dev, int slot, int sslot, int complete_status);
+/* Waits (op 2, the bar lifted first) until the completeness record says the local card is
+ * complete; 0 or the read's code. */
+LIBPMX_API int libpmx_get_lc_ready_with_block(void);
+
+/* ---- timed delivery of sub-slot, sub-interface and record events ----
+ *
+ * A module registers for kinds of events and a delay. The change callbacks queue each event for
+ * every registration that asked for its kind; a one-shot timer on the database event thread
+ * delivers the queue delay milliseconds after its first event, in one call of the module's
+ * function, on that thread. Rules:
+ *   - events of one key (a sub-slot, an interface, a record key) keep their order;
+ *   - a burst of sets of one key between two deliveries becomes one set with the last value,
+ *     at the place of the first;
+ *   - a delete is never merged with a set: a delete then a set arrive as a delete then a set;
+ *     repeated deletes of one key become one;
+ *   - events of different keys keep the order in which they arrived.
+ * Events queued by a thread without a timer master (no database context) are delivered at once
+ * in that thread. */
+#define LIBPMX_EVENT_SSLOT 0x1u     /* a local sub-slot's port readiness (p_dev.local_card_port_ready) */
+#define LIBPMX_EVENT_CARD 0x2u      /* the card in a dev/slot/sslot (p_dev.card_info) */
+#define LIBPMX_EVENT_SUB_AP 0x4u    /* a sub-AP interface (u_intf.pmx_sub_ap_intf) */
+#define LIBPMX_EVENT_SUB_ROUTE 0x8u /* a sub-route interface (u_intf.pmx_sub_route_intf) */
+#define LIBPMX_EVENT_RECORD 0x10u   /* any followed record applied to the caches */
+#define LIBPMX_EVENT_ALL 0x1fu
+/* op of an event. */
+#define LIBPMX_EVENT_SET 0 /* added or changed */
+#define LIBPMX_EVENT_DEL 1 /* deleted */
+
+typedef struct libpmx_event_slot {
+    int32_t dev; /* SSLOT: this card's dev and slot */
+    int32_t slot;
+    int32_t sslot;
+    int32_t card_type;
+    int32_t ready; /* SSLOT: non-zero when the sub-slot's ports are ready; CARD: 1 */
+} libpmx_event_slot_t;
+
+typedef struct libpmx_event {
+    uint32_t kind; /* one LIBPMX_EVENT_* kind */
+    int32_t op;    /* LIBPMX_EVENT_SET or LIBPMX_EVENT_DEL */
+    union {
+        libpmx_event_slot_t slot;          /* SSLOT, CARD */
+        libpmx_sub_ap_info_t sub_ap;       /* SUB_AP */
+        libpmx_sub_route_info_t sub_route; /* SUB_ROUTE */
+    } u;
+    /* RECORD: the record's full name, its key and the record in compact form ("" for the key of
+     * a singleton); valid during the call only. Null for the other kinds. */
+    const char *record;
+    const char *key;
+    const char *text;
+} libpmx_event_t;
+
+/* Called with the events of one delivery, in order; events is valid during the call only. */
+typedef void (*libpmx_event_fn)(const libpmx_event_t *events, uint32_t n, void *arg);
+
+/* Registers fn for the kinds (LIBPMX_EVENT_* bits) with a delivery delay in milliseconds (0: as
+ * soon as the event thread is idle). The registration id (> 0), -11 for a null fn or no kind, -4
+ * a delay above 60000, -2 without memory. */
+LIBPMX_API int libpmx_event_register(uint32_t kinds, libpmx_event_fn fn, void *arg, uint32_t delay_ms);
+/* Drops a registration and its queued events: 0, or -7 for an unknown id. A delivery under way in
+ * the event thread finishes first unless this is called from inside it. */
+LIBPMX_API int libpmx_event_unregister(int id);
+/* Queues one event for the registrations of its kind (the change callbacks call it). */
+LIBPMX_API void libpmx_event_post(void *context, const libpmx_event_t *event);
+/* Events queued and not yet delivered, over every registration. */
+LIBPMX_API uint32_t libpmx_event_pending(void);
+
+/* Sets up the timed event delivery at load; 0. */
 LIBPMX_API int libpmx_event_list_init(void);
 
 /* ---- the record catalogue: every record kind the library reads or follows ---- */

@@ -156,7 +156,8 @@ std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
     if (is(m, p_dev__dm_card_stattr_t__descriptor)) return add ? apply_card_stattr(as<PDev__DmCardStattrT>(m)) : LIBPMX_OK;
     if (is(m, p_dev__dp_lib_complete__descriptor)) {
         const auto *r = as<PDev__DpLibComplete>(m);
-        libpmx_port_set_card_complete(add && r->local_card_is_complete, add && r->local_lc_is_complete);
+        libpmx_port_set_card_complete(add && r->local_card_is_complete, add && r->local_lc_is_complete,
+                                      add && r->all_is_complete);
         return LIBPMX_OK;
     }
     if (is(m, p_dev__card_info__descriptor)) {

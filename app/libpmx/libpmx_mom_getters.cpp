@@ -775,3 +775,26 @@ extern "C" int libpmx_get_subcard_ready_with_block(int32_t dev, int32_t slot, in
     if (rc != 0) PMX_ERROR("dev %d slot %d sslot %d, wait subcard-complete failed %d", dev, slot, sslot, rc);
     return rc;
 }
+
+namespace
+{
+
+// Succeeds only once the local card is complete, so a waiting read waits for it.
+int decode_local_card_complete(const void *reply, void *)
+{
+    return rec<PDev__DpLibComplete>(reply)->local_card_is_complete != 0 ? LIBPMX_OK : LIBPMX_E_NOT_FOUND;
+}
+
+} // namespace
+
+extern "C" int libpmx_get_lc_ready_with_block(void)
+{
+    libpmx_set_can_block_to_read_db(1);
+    PDev__DpLibComplete self = P_DEV__DP_LIB_COMPLETE__INIT;
+    const libpmx_record_kind_t &kind = pmx::record_kind(Record::DPLIB_COMPLETE);
+    const qv_mom_key_t key{&self.base, kind.record};
+    const int rc = libpmx_getinfo_from_db_with_block(&key, kind.db, 1, decode_local_card_complete, nullptr,
+                                                     LIBPMX_READ_WAIT);
+    if (rc != LIBPMX_OK) PMX_ERROR("local_card_is_not_complete. wait fail %d", rc);
+    return rc;
+}

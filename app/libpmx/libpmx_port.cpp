@@ -39,6 +39,7 @@ CardStattr g_stattr;
 UWord g_online_lports[kBitmapWords] = {};
 Word g_local_card_complete{0};
 Word g_lc_complete{0};
+Word g_all_complete{0};
 
 // A node id below 1 is no node id: stored as unknown.
 int32_t stored_node_id(int32_t node_id)
@@ -171,6 +172,7 @@ extern "C" int libpmx_port_init(void)
     store(g_stattr.virtual_unit_num, kUnknown);
     store(g_local_card_complete, 0);
     store(g_lc_complete, 0);
+    store(g_all_complete, 0);
     return libpmx_port_table_init();
 }
 
@@ -204,12 +206,14 @@ extern "C" int libpmx_port_lport_is_online(int32_t lport)
     return (word >> (lport % 32)) & 1u;
 }
 
-extern "C" void libpmx_port_set_card_complete(int32_t local_card_complete, int32_t lc_complete)
+extern "C" void libpmx_port_set_card_complete(int32_t local_card_complete, int32_t lc_complete,
+                                              int32_t all_complete)
 {
     store(g_local_card_complete, local_card_complete != 0);
     store(g_lc_complete, lc_complete != 0);
-    PMX_INFO("local card complete:%d, line card complete:%d", local_card_complete != 0,
-             lc_complete != 0);
+    store(g_all_complete, all_complete != 0);
+    PMX_INFO("local card complete:%d, line card complete:%d, all complete:%d", local_card_complete != 0,
+             lc_complete != 0, all_complete != 0);
 }
 
 extern "C" int libpmx_port_local_card_is_complete(void)
@@ -220,6 +224,11 @@ extern "C" int libpmx_port_local_card_is_complete(void)
 extern "C" int libpmx_port_lc_is_complete(void)
 {
     return load(g_lc_complete);
+}
+
+extern "C" int libpmx_port_all_is_complete(void)
+{
+    return load(g_all_complete);
 }
 
 // ---- synchronous reads of the identity: the getters' refresh ----

@@ -12,6 +12,7 @@
 
 #include "libpmx_errno.h"
 #include "libpmx_export.h"
+#include "libpmx_hash.h"
 #include "libpmx_types.h"
 
 LIBPMX_BEGIN_DECLS
@@ -54,11 +55,13 @@ LIBPMX_API int libpmx_online_port_array_init(void);
 LIBPMX_API int libpmx_port_set_lport_online(int32_t lport, int online);
 /* 1 when the panel port is online, else 0 (a port out of range included). */
 LIBPMX_API int libpmx_port_lport_is_online(int32_t lport);
-/* The card-complete flags, as the completeness record reports them: the local card, and the
- * local line card. */
-LIBPMX_API void libpmx_port_set_card_complete(int32_t local_card_complete, int32_t lc_complete);
+/* The card-complete flags, as the completeness record reports them: the local card, the local
+ * line card, and every card. */
+LIBPMX_API void libpmx_port_set_card_complete(int32_t local_card_complete, int32_t lc_complete,
+                                              int32_t all_complete);
 LIBPMX_API int libpmx_port_local_card_is_complete(void);
 LIBPMX_API int libpmx_port_lc_is_complete(void);
+LIBPMX_API int libpmx_port_all_is_complete(void);
 
 /* ---- setters (database change callbacks and the synchronous reads above) ---- */
 
@@ -136,6 +139,9 @@ LIBPMX_API int libpmx_port_set_local_port_info(int32_t lport_num, const int32_t 
 /* The port readiness of a local sub-slot (libpmx_local_card_port_ready): stored (refreshed, a
  * changed card type logged) or, with is_add 0, forgotten. 0; -2 no memory; -11 absent on forget. */
 LIBPMX_API int libpmx_port_set_card_port_ready(int32_t sslot, int32_t ready, int32_t card_type, int is_add);
+/* The port readiness of a local sub-slot, from the cache: 0 (out, may be null, receives it) or
+ * -7. */
+LIBPMX_API int libpmx_port_card_port_ready_find(int32_t sslot, libpmx_local_card_port_ready_t *out);
 /* The back-plane panel-port range, and one back-plane port's unit and port (is_add 0 forgets it). */
 LIBPMX_API void libpmx_port_set_bp_range(uint32_t lport_base, uint32_t lport_num);
 LIBPMX_API int libpmx_port_set_bp_lport(uint32_t lport, uint32_t unit, uint32_t port, int is_add);

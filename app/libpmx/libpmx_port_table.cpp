@@ -201,6 +201,17 @@ extern "C" int libpmx_port_set_card_port_ready(int32_t sslot, int32_t ready, int
     return libpmx_local_card_port_ready_create(&rec) != nullptr ? LIBPMX_OK : LIBPMX_E_NOMEM;
 }
 
+extern "C" int libpmx_port_card_port_ready_find(int32_t sslot, libpmx_local_card_port_ready_t *out)
+{
+    libpmx_local_card_port_ready_t key{};
+    key.sslot = static_cast<uint32_t>(sslot);
+    Guard g(g_lock, Access::Read);
+    const libpmx_local_card_port_ready_t *rec = libpmx_local_card_port_ready_get(&key);
+    if (rec == nullptr) return LIBPMX_E_NOT_FOUND;
+    if (out != nullptr) *out = *rec;
+    return LIBPMX_OK;
+}
+
 extern "C" void libpmx_port_set_bp_range(uint32_t lport_base, uint32_t lport_num)
 {
     g_bp_base.store(lport_base, std::memory_order_relaxed);

@@ -30,6 +30,7 @@ enum class LockRank : uint8_t {
     SplitPort = 32,    // split ports: gslot + unit-port <-> lport
     PortTable = 40,    // the local port table (unit-port index and panel-port entries)
     InvalidModid = 50, // module ids declared invalid
+    NotifyHooks = 55,  // the notify-hook registry (never held while a hook runs)
     BlockRecords = 60, // block records of long database waits
 };
 
