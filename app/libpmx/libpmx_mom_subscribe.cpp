@@ -207,6 +207,9 @@ extern "C" void libpmx_mom_mod_tbl_cb(void *context, int event, const ProtobufCM
     if (apply(context, event, key, record) != LIBPMX_OK) return;
     libpmx_mod_tbl_info_t info{};
     libpmx_mod_tbl_decode(record, &info);
+    // The entry as stored; a deleted one as it was handed back.
+    const int32_t gslot = libpmx_get_gslot_by_dev_slot_sslot(info.dev, info.slot, info.sslot);
+    if (libpmx_get_fuid_info_by_gslot(gslot, &info.tbl) != LIBPMX_OK) info.tbl.gslot = static_cast<uint32_t>(gslot);
     if (event == QV_MOM_EVENT_DEL) info.tbl.status = LIBPMX_MOD_TBL_NONE;
     if (info.dev == libpmx_get_my_dev_id(1) && info.slot == libpmx_get_my_slot(1)) {
         pmx::notify_set_ready(LIBPMX_NOTIFY_LMODID_EVENT);

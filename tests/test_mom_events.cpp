@@ -1,0 +1,450 @@
+// Subscriptions, notify hooks and the timed event delivery on the embedded store. The ready bits
+// live as long as the process: a test that needs the library started starts it when this process
+// has not yet.
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "embedded_db.h"
+#include "libpmx.h"
+#include "libpmx_dbg.h"
+#include "libpmx_intf.h"
+#include "libpmx_mod.h"
+#include "libpmx_mom.h"
+#include "libpmx_port.h"
+#include "log_capture.h"
+#include "p_dev.pb-c.h"
+#include "temp_dir.h"
+#include "u_intf.pb-c.h"
+
+namespace
+{
+
+std::atomic<bool> g_fail_opt{false};
+
+} // namespace
+
+// Lets a test make the data source's option call fail; otherwise the client's own.
+extern "C" __attribute__((visibility("default"))) int qv_mom_set_ds_opt(qv_mom_ab_t *ab, int ds, int opt, int value)
+{
+    if (g_fail_opt) return QV_MOM_E_SERVER;
+    using Fn = int (*)(qv_mom_ab_t *, int, int, int);
+    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "qv_mom_set_ds_opt"));
+    return real(ab, ds, opt, value);
+}
+
+namespace
+{
+
+constexpr int32_t kDev = 1, kSlot = 3;
+
+bool eventually(const std::function<bool()> &cond)
+{
+    for (int i = 0; i < 500; ++i) {
+        if (cond()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return cond();
+}
+
+// What the hooks saw, in order: "type/event" (and the gslot of a chip-slot dispatch).
+std::mutex g_seen_mutex;
+std::vector<std::string> g_seen;
+
+void record(const std::string &what)
+{
+    std::lock_guard<std::mutex> lock(g_seen_mutex);
+    g_seen.push_back(what);
+}
+
+std::vector<std::string> seen()
+{
+    std::lock_guard<std::mutex> lock(g_seen_mutex);
+    return g_seen;
+}
+
+void clear_seen()
+{
+    std::lock_guard<std::mutex> lock(g_seen_mutex);
+    g_seen.clear();
+}
+
+template <char Tag> void hook(void *, int type, int event, void *arg)
+{
+    std::string s = std::string(1, Tag) + std::to_string(type) + "/" + std::to_string(event);
+    if (type == LIBPMX_NOTIFY_CHIPSLOT_EVENT && arg != nullptr)
+        s += "@" + std::to_string(static_cast<ce_pmx_fuid_info_per_slot_t *>(arg)->gslot);
+    record(s);
+}
+
+void put_my_info(EmbeddedDb &db)
+{
+    PDev__DpLibMyInfo r = P_DEV__DP_LIB_MY_INFO__INIT;
+    r.dm_my_node_type = P_DEV__DM_NODE_TYPE_E__DM_TYPE_LC;
+    r.slotid = kSlot;
+    r.card_type = 12;
+    r.card_nodeid = 0x0C000000 | kDev << 18 | kSlot << 8;
+    db.put(&r.base);
+    PDev__DpLibMyChss c = P_DEV__DP_LIB_MY_CHSS__INIT;
+    c.devid = kDev;
+    db.put(&c.base);
+}
+
+void put_ifx(EmbeddedDb &db, uint32_t ifx, uint32_t gphyid)
+{
+    UIntf__IfxIndex index = U_INTF__IFX_INDEX__INIT;
+    index.ifx = ifx;
+    UIntf__PmxIfxTbl r = U_INTF__PMX_IFX_TBL__INIT;
+    r.index = &index;
+    r.ifx = ifx;
+    r.gphyid = gphyid;
+    r.dev = kDev;
+    r.slot = kSlot;
+    db.put(&r.base, &index.base);
+}
+
+// A module table of dev/slot with one unit holding modid, as the change callback gets it.
+struct ModTable {
+    UIntf__ModIndex index = U_INTF__MOD_INDEX__INIT;
+    UIntf__PmxFuidInfo unit = U_INTF__PMX_FUID_INFO__INIT;
+    UIntf__PmxFuidInfo *units[1] = {&unit};
+    uint32_t id;
+    UIntf__PmxModTbl rec = U_INTF__PMX_MOD_TBL__INIT;
+    ModTable(int32_t dev, int32_t slot, uint32_t modid) : id(modid)
+    {
+        index.devid = dev;
+        index.slotid = slot;
+        unit.n_id = 1;
+        unit.id = &id;
+        rec.index = &index;
+        rec.status = U_INTF__SLOT_MODID_ST_E__MODID_VALID;
+        rec.card_type = 12;
+        rec.n_fuid_info = 1;
+        rec.fuid_info = units;
+    }
+    const ProtobufCMessage *msg() const { return &rec.base; }
+};
+
+void *context()
+{
+    return qv_mom_get_thread_local_global();
+}
+
+std::string run_cmd(const char *line)
+{
+    testing::internal::CaptureStdout();
+    libpmx_dbg_run_cmd(line);
+    return testing::internal::GetCapturedStdout();
+}
+
+bool logged(const LogCapture &log, const std::string &part)
+{
+    for (const auto &l : log.lines())
+        if (l.text.find(part) != std::string::npos) return true;
+    return false;
+}
+
+// One process-wide store for every suite of this file.
+EmbeddedDb &db()
+{
+    static EmbeddedDb instance("events");
+    return instance;
+}
+
+// Starts the library on the store (its identity written first) unless this process did, and
+// waits until the data source has loaded.
+void ensure_started()
+{
+    static pmx_test::TempDir run;
+    if (g_libpmx.init_done == 0) {
+        setenv("PMX_RUN_DIR", run.path().c_str(), 1);
+        put_my_info(db());
+        ASSERT_EQ(libpmx_init(db().glb(), "events"), LIBPMX_OK);
+    }
+    ASSERT_TRUE(eventually([] { return (g_libpmx_notify_flag & 0xc2) == 0xc2; }));
+}
+
+} // namespace
+
+// The hooks' story from start-up on: it needs the ready word as the process began.
+TEST(MomInit, FailedOptionThenStartUpThenHooksInOrderAndOnce)
+{
+    ASSERT_EQ(g_libpmx.init_done, 0) << "run this test in a process of its own";
+    pmx_test::TempDir run;
+    setenv("PMX_RUN_DIR", run.path().c_str(), 1);
+    put_my_info(db());
+    put_ifx(db(), 12, 0x07081a05);
+    // Two type-1 hooks before the data source loads: only the first is served by its event.
+    ASSERT_EQ(libpmx_notify_reg(LIBPMX_NOTIFY_DS_ALL_EVENT, hook<'a'>), 0);
+    ASSERT_EQ(libpmx_notify_reg(LIBPMX_NOTIFY_DS_ALL_EVENT, hook<'b'>), 0);
+
+    LogCapture log(5);
+    g_fail_opt = true;
+    EXPECT_EQ(libpmx_init(db().glb(), "events"), LIBPMX_E_FAIL);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "libpmx_mom_init fail, ret:-11"));
+    EXPECT_TRUE(logged(log, "reg ds opt fail, ds_id:0 value:1 ret:-4"));
+    EXPECT_FALSE(logged(log, "keys events keys_num:16"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    uint32_t phyid = 0;
+    EXPECT_EQ(libpmx_get_phyid_by_ifx_ext(12, &phyid), LIBPMX_E_NOT_FOUND) << "no key event may be registered";
+    EXPECT_EQ(g_libpmx_notify_flag, 0u);
+
+    g_fail_opt = false;
+    log.clear();
+    ASSERT_EQ(libpmx_init(db().glb(), "events"), LIBPMX_OK);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_INFO, "keys events keys_num:16"));
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_INFO, "mom init success\n"));
+    // The second source loads what the store holds, then says so.
+    ASSERT_TRUE(eventually([] { return (g_libpmx_notify_flag & 0x2) != 0; }));
+    EXPECT_EQ(libpmx_get_phyid_by_ifx_ext(12, &phyid), 0);
+    EXPECT_EQ(phyid, 0x07081a05u);
+    EXPECT_TRUE(eventually([] { return (g_libpmx_notify_flag & 0xc0) == 0xc0; })) << "identity and chassis";
+    EXPECT_EQ(libpmx_get_my_slot(0), kSlot);
+    EXPECT_EQ(libpmx_get_my_dev_id(0), kDev);
+    EXPECT_EQ(seen(), std::vector<std::string>{"a1/0"});
+    // The entry went with its first hook: a later type-1 registrant is served at once, and the
+    // one appended before the event never.
+    clear_seen();
+    EXPECT_EQ(libpmx_notify_reg(LIBPMX_NOTIFY_DS_ALL_EVENT, hook<'c'>), 0);
+    EXPECT_EQ(seen(), std::vector<std::string>{"c1/0"});
+
+    // Registration: null hooks refused, no withdrawal.
+    clear_seen();
+    EXPECT_EQ(libpmx_notify_reg(LIBPMX_NOTIFY_DS_ALL_EVENT, nullptr), LIBPMX_E_FAIL);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "hook is null type:1"));
+    EXPECT_EQ(libpmx_notify_hook_get(LIBPMX_NOTIFY_DS_ALL_EVENT), nullptr);
+    EXPECT_EQ(libpmx_notify_unreg(LIBPMX_NOTIFY_MYINFO_EVENT), LIBPMX_E_FAIL);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_ERROR, "do not support this func now! type:6"));
+
+    // The identity arrived already: a type-6 hook runs before the call returns, and once.
+    EXPECT_EQ(libpmx_notify_reg(LIBPMX_NOTIFY_MYINFO_EVENT, hook<'m'>), 0);
+    EXPECT_EQ(seen(), std::vector<std::string>{"m6/0"});
+    PDev__DpLibMyInfo again = P_DEV__DP_LIB_MY_INFO__INIT;
+    again.slotid = kSlot;
+    libpmx_mom_my_info_cb(context(), QV_MOM_EVENT_ADD, &again.base, &again.base);
+    EXPECT_EQ(seen().size(), 1u);
+
+    // Types 2, 3 and 5 wait; two type-5 hooks run in their order.
+    clear_seen();
+    ASSERT_EQ(libpmx_notify_reg(LIBPMX_NOITFY_CARD_EVENT, hook<'k'>), 0);
+    ASSERT_EQ(libpmx_notify_reg(LIBPMX_NOTIFY_LMODID_EVENT, hook<'x'>), 0);
+    ASSERT_EQ(libpmx_notify_reg(LIBPMX_NOTIFY_LMODID_EVENT, hook<'y'>), 0);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_DEBUG, "notify type:5 not ready!"));
+    EXPECT_TRUE(seen().empty());
+    PDev__DpLibComplete done = P_DEV__DP_LIB_COMPLETE__INIT;
+    done.local_card_is_complete = 1;
+    done.local_lc_is_complete = 1;
+    log.clear();
+    libpmx_mom_dplib_complete_cb(context(), QV_MOM_EVENT_ADD, &done.base, &done.base);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_NOTICE, "local_card_is_complete:1  local_lc_is_complete:1  all_is_complete:0"));
+    EXPECT_EQ(g_libpmx_notify_flag & 0x1e, 0xeu);
+    EXPECT_EQ(seen(), std::vector<std::string>{"k2/0"});
+    // Bits 2 and 8 are set, 32 is not: type 3 waits for this card's module table.
+    clear_seen();
+    ASSERT_EQ(libpmx_notify_reg(LIBPMX_NOTIFY_LC_EVENT, hook<'l'>), 0);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_WARN, "type(3) not ready, flag:0xce"));
+    EXPECT_TRUE(seen().empty());
+    // Another card's table sets nothing but the chip-slot dispatch (no hook yet).
+    ModTable other(kDev, 7, 40), mine(kDev, kSlot, 24);
+    libpmx_mom_mod_tbl_cb(context(), QV_MOM_EVENT_ADD, other.msg(), other.msg());
+    EXPECT_TRUE(seen().empty());
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_WARN, "type:8 all don't existed"));
+    libpmx_mom_mod_tbl_cb(context(), QV_MOM_EVENT_ADD, mine.msg(), mine.msg());
+    EXPECT_EQ(seen(), (std::vector<std::string>{"x5/0", "y5/0", "l3/0"}));
+
+    // Type 8: a new entry is told of every allocated chip slot at once; it stays for later
+    // changes, a delete giving event 1. A second type-8 hook joins the entry silently.
+    clear_seen();
+    const int32_t g_other = libpmx_get_gslot_by_dev_slot_sslot(kDev, 7, 0);
+    const int32_t g_mine = libpmx_get_gslot_by_dev_slot_sslot(kDev, kSlot, 0);
+    ASSERT_EQ(libpmx_notify_reg(LIBPMX_NOTIFY_CHIPSLOT_EVENT, hook<'p'>), 0);
+    EXPECT_EQ(seen(), (std::vector<std::string>{"p8/0@" + std::to_string(g_mine), "p8/0@" + std::to_string(g_other)}));
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_INFO, "notify chipslot add event gslot:" + std::to_string(g_mine)));
+    ASSERT_EQ(libpmx_notify_reg(LIBPMX_NOTIFY_CHIPSLOT_EVENT, hook<'q'>), 0);
+    clear_seen();
+    libpmx_mom_mod_tbl_cb(context(), QV_MOM_EVENT_DEL, other.msg(), other.msg());
+    EXPECT_EQ(seen(), (std::vector<std::string>{"p8/1@" + std::to_string(g_other), "q8/1@" + std::to_string(g_other)}));
+
+    // The dump names every type with its state.
+    const std::string dump = run_cmd("dump_notify");
+    EXPECT_NE(dump.find("ready of notify:\nLIBPMX_NOTIFY_DS_ALL_EVENT     has ready\n"
+                        "LIBPMX_NOITFY_CARD_EVENT       has ready\n"
+                        "LIBPMX_NOTIFY_LC_EVENT         has ready\n"
+                        "LIBPMX_NOTIFY_GLOBAL_EVENT     no ready\n"),
+              std::string::npos)
+        << dump;
+}
+
+TEST(NotifyHooks, StatusWaitsAndSubSlotReadiness)
+{
+    ensure_started();
+    LogCapture log(5);
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(libpmx_block_device_status(kDev, kSlot, 0, 3), 0);
+    EXPECT_EQ(libpmx_block_device_status(kDev, kSlot, 0, 7), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_NOTICE, "libpmx_block_device_status, dev:1 slot:3 sslot:0"));
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_WARN, "not support block all status"));
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_WARN, "invalid complete status"));
+    unsigned char status = 9;
+    EXPECT_EQ(libpmx_get_dplib_complete_status(5, &status), LIBPMX_E_NOT_FOUND);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(log.has(LIBPMX_ZLOG_WARN, "invalid type:5"));
+
+    // The local-card wait ends once another thread publishes the completeness record.
+    std::thread writer([] {
+        qv_mom_thread_attach(db().glb(), nullptr);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        PDev__DpLibComplete c = P_DEV__DP_LIB_COMPLETE__INIT;
+        c.local_card_is_complete = 1;
+        EmbeddedDb::put_from(qv_mom_get_thread_local_global(), &c.base);
+        qv_mom_thread_detach();
+    });
+    EXPECT_EQ(libpmx_block_device_status(kDev, kSlot, 0, 2), 0);
+    writer.join();
+    EXPECT_TRUE(eventually([] { return libpmx_port_local_card_is_complete() == 1; }));
+
+    // The sub-slot readiness cache is keyed by the sub-slot alone.
+    PDev__LocalCardInfoIndex idx = P_DEV__LOCAL_CARD_INFO_INDEX__INIT;
+    idx.slotid = kSlot;
+    idx.sslotid = 2;
+    PDev__LocalCardPortReady ready = P_DEV__LOCAL_CARD_PORT_READY__INIT;
+    ready.index = &idx;
+    ready.local_port_ready = 1;
+    EXPECT_EQ(libpmx_check_sslot_ready(kDev, kSlot, 2), 0);
+    db().put(&ready.base, &idx.base);
+    EXPECT_TRUE(eventually([] { return libpmx_check_sslot_ready(0, 0, 2) == 1; }));
+    EXPECT_EQ(libpmx_check_sslot_ready(kDev, kSlot, 3), 0);
+    EXPECT_EQ(libpmx_block_device_status(kDev, kSlot, 2, 1), 0);
+}
+
+namespace
+{
+
+struct Delivered {
+    std::mutex mutex;
+    std::vector<std::vector<std::string>> batches;
+    std::vector<pthread_t> threads;
+};
+
+std::string text_of(const libpmx_event_t &e)
+{
+    const char *op = e.op == LIBPMX_EVENT_DEL ? "del" : "set";
+    switch (e.kind) {
+    case LIBPMX_EVENT_SUB_AP:
+        return std::string(op) + " ap " + std::to_string(e.u.sub_ap.ifx) + "=" + std::to_string(e.u.sub_ap.evlan);
+    case LIBPMX_EVENT_SSLOT:
+        return std::string(op) + " sslot " + std::to_string(e.u.slot.sslot) + "=" + std::to_string(e.u.slot.ready);
+    case LIBPMX_EVENT_RECORD:
+        return std::string(op) + " " + e.record + " " + e.key;
+    default:
+        return std::string(op) + " kind " + std::to_string(e.kind);
+    }
+}
+
+void collect(const libpmx_event_t *events, uint32_t n, void *arg)
+{
+    auto *d = static_cast<Delivered *>(arg);
+    std::vector<std::string> batch;
+    for (uint32_t i = 0; i < n; ++i) batch.push_back(text_of(events[i]));
+    std::lock_guard<std::mutex> lock(d->mutex);
+    d->batches.push_back(batch);
+    d->threads.push_back(pthread_self());
+}
+
+libpmx_event_t sub_ap(int op, uint32_t ifx, uint32_t evlan)
+{
+    libpmx_event_t e{};
+    e.kind = LIBPMX_EVENT_SUB_AP;
+    e.op = op;
+    e.u.sub_ap.ifx = ifx;
+    e.u.sub_ap.evlan = evlan;
+    return e;
+}
+
+} // namespace
+
+TEST(EventDelivery, BurstsCoalesceByKeyDeletesStayAndOrderHolds)
+{
+    db(); // this thread attached, with a timer master of its own
+    EXPECT_EQ(libpmx_event_register(LIBPMX_EVENT_SUB_AP, nullptr, nullptr, 0), LIBPMX_E_FAIL);
+    EXPECT_EQ(libpmx_event_register(0, collect, nullptr, 0), LIBPMX_E_FAIL);
+    EXPECT_EQ(libpmx_event_register(LIBPMX_EVENT_SUB_AP, collect, nullptr, 60001), LIBPMX_E_INVAL);
+
+    // Posted from this thread: the timer is on this thread's master, so nothing is delivered
+    // until its loop runs.
+    Delivered d;
+    const int id = libpmx_event_register(LIBPMX_EVENT_SUB_AP | LIBPMX_EVENT_SSLOT, collect, &d, 20);
+    ASSERT_GT(id, 0);
+    const libpmx_event_t burst[] = {
+        sub_ap(LIBPMX_EVENT_SET, 1, 10), sub_ap(LIBPMX_EVENT_SET, 2, 20), sub_ap(LIBPMX_EVENT_SET, 1, 11),
+        sub_ap(LIBPMX_EVENT_DEL, 1, 11), sub_ap(LIBPMX_EVENT_SET, 1, 12), sub_ap(LIBPMX_EVENT_SET, 1, 13),
+        sub_ap(LIBPMX_EVENT_DEL, 2, 20), sub_ap(LIBPMX_EVENT_DEL, 2, 20),
+    };
+    for (const libpmx_event_t &e : burst) libpmx_event_post(context(), &e);
+    EXPECT_EQ(libpmx_event_pending(), 5u);
+    EXPECT_TRUE(d.batches.empty());
+    auto *ctx = static_cast<qv_mom_thread_global_t *>(context());
+    const timeval limit{0, 200000};
+    qv_thread_master_run_for(ctx->master, &limit);
+    ASSERT_EQ(d.batches.size(), 1u);
+    EXPECT_EQ(d.batches[0], (std::vector<std::string>{"set ap 1=11", "set ap 2=20", "del ap 1=11", "set ap 1=13",
+                                                      "del ap 2=20"}));
+    EXPECT_EQ(libpmx_event_pending(), 0u);
+    // A thread without a timer master gets its events at once.
+    std::thread([&d] {
+        const libpmx_event_t e = sub_ap(LIBPMX_EVENT_SET, 5, 50);
+        libpmx_event_post(nullptr, &e);
+    }).join();
+    ASSERT_EQ(d.batches.size(), 2u);
+    EXPECT_EQ(d.batches[1], std::vector<std::string>{"set ap 5=50"});
+    // Kinds nobody asked for are not queued.
+    libpmx_event_t card{};
+    card.kind = LIBPMX_EVENT_CARD;
+    libpmx_event_post(nullptr, &card);
+    EXPECT_EQ(d.batches.size(), 2u);
+    EXPECT_EQ(libpmx_event_unregister(id), 0);
+    EXPECT_EQ(libpmx_event_unregister(id), LIBPMX_E_NOT_FOUND);
+}
+
+TEST(EventDelivery, DatabaseChangesReachTheModuleOnTheEventThread)
+{
+    ensure_started();
+    Delivered d;
+    const int id = libpmx_event_register(LIBPMX_EVENT_SUB_AP | LIBPMX_EVENT_RECORD, collect, &d, 10);
+    ASSERT_GT(id, 0);
+    UIntf__IfxIndex index = U_INTF__IFX_INDEX__INIT;
+    index.ifx = 900;
+    UIntf__PmxSubApIntf ap = U_INTF__PMX_SUB_AP_INTF__INIT;
+    ap.index = &index;
+    ap.phyid = 0x07081a05;
+    ap.evlan = 77;
+    db().put(&ap.base, &index.base);
+    ASSERT_TRUE(eventually([&d] {
+        std::lock_guard<std::mutex> lock(d.mutex);
+        size_t n = 0;
+        for (const auto &b : d.batches) n += b.size();
+        return n >= 2;
+    }));
+    std::lock_guard<std::mutex> lock(d.mutex);
+    std::vector<std::string> all;
+    for (const auto &b : d.batches) all.insert(all.end(), b.begin(), b.end());
+    EXPECT_EQ(all, (std::vector<std::string>{"set u_intf.pmx_sub_ap_intf UIntf__IfxIndex-{ifx:900}", "set ap 900=77"}));
+    for (pthread_t t : d.threads) EXPECT_FALSE(pthread_equal(t, pthread_self()));
+    libpmx_sub_ap_info_t cached{};
+    EXPECT_EQ(libpmx_get_sub_ap_info_by_phyid_detail(20u << 24 | 900, &cached, 0), 0);
+    EXPECT_EQ(cached.evlan, 77u);
+    EXPECT_NE(run_cmd("dump_events").find("sub-ap,record"), std::string::npos);
+    EXPECT_EQ(libpmx_event_unregister(id), 0);
+}
