@@ -172,6 +172,12 @@ std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
     if (is(m, p_dev__local_card_port_ready__descriptor)) {
         const auto *r = as<PDev__LocalCardPortReady>(m);
         if (r->index == nullptr) return LIBPMX_E_INVAL;
+        // The cache holds this card's sub-slots (keyed by sub-slot alone): other cards' records
+        // are not its.
+        if (const int32_t my_slot = libpmx_get_my_slot(0); my_slot > 0 && r->index->slotid != my_slot) {
+            PMX_DEBUG("port readiness of slot %d sslot %d is another card's", r->index->slotid, r->index->sslotid);
+            return LIBPMX_OK;
+        }
         return libpmx_port_set_card_port_ready(r->index->sslotid, r->local_port_ready, r->card_type, add ? 1 : 0);
     }
     if (is(m, s_cluster__ixn_lport_info__descriptor)) {

@@ -168,13 +168,15 @@ void post(void *context, const Pending &p)
     for (int id : now) deliver(id);
 }
 
-// Compact text of a message into out.
+// Compact text of a message into out. A card type's attributes with every port run to some
+// kilobytes; a record larger than the buffer is cut.
 void compact(const ProtobufCMessage *m, std::string *out)
 {
-    char buf[1024];
+    constexpr size_t kTextMax = 64 * 1024;
+    thread_local std::vector<char> buf(kTextMax);
     buf[0] = '\0';
-    libpmx_protoc_format_message_to_buffer(buf, sizeof buf, LIBPMX_FMT_COMPACT, m);
-    out->assign(buf);
+    libpmx_protoc_format_message_to_buffer(buf.data(), buf.size(), LIBPMX_FMT_COMPACT, m);
+    out->assign(buf.data());
 }
 
 const char *kind_name(uint32_t kind)

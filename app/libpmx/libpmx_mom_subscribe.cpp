@@ -138,6 +138,7 @@ extern "C" void libpmx_mom_local_card_port_ready_cb(void *context, int event, co
 {
     if (apply(context, event, key, record) != LIBPMX_OK) return;
     const auto *r = as<PDev__LocalCardPortReady>(record);
+    if (const int32_t my_slot = libpmx_get_my_slot(0); my_slot > 0 && r->index->slotid != my_slot) return;
     post_slot(context, LIBPMX_EVENT_SSLOT, event,
               libpmx_event_slot_t{libpmx_get_my_dev_id(1), r->index->slotid, r->index->sslotid, r->card_type,
                                   r->local_port_ready != 0});
