@@ -24,16 +24,18 @@ struct LoggedLine {
 class LogCapture {
 public:
 #ifdef LOG_CAPTURE_LIBPMX
-    explicit LogCapture(int level = 5) : saved_level_(g_libpmx_zlog_level), saved_cat_(g_libpmx_zlog_category)
+    // The level is written as the library writes it: other threads (event, shell) read it meanwhile.
+    explicit LogCapture(int level = 5)
+        : saved_level_(__atomic_load_n(&g_libpmx_zlog_level, __ATOMIC_RELAXED)), saved_cat_(g_libpmx_zlog_category)
     {
         g_libpmx_zlog_category = qv_zlog_init("libpmx");
-        g_libpmx_zlog_level = level;
+        __atomic_store_n(&g_libpmx_zlog_level, level, __ATOMIC_RELAXED);
         qv_zlog_set_capture(&LogCapture::hook, this);
     }
     ~LogCapture()
     {
         qv_zlog_set_capture(nullptr, nullptr);
-        g_libpmx_zlog_level = saved_level_;
+        __atomic_store_n(&g_libpmx_zlog_level, saved_level_, __ATOMIC_RELAXED);
         g_libpmx_zlog_category = saved_cat_;
     }
 #else

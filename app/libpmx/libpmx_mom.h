@@ -255,7 +255,8 @@ typedef void (*libpmx_event_fn)(const libpmx_event_t *events, uint32_t n, void *
  * a delay above 60000, -2 without memory. */
 LIBPMX_API int libpmx_event_register(uint32_t kinds, libpmx_event_fn fn, void *arg, uint32_t delay_ms);
 /* Drops a registration and its queued events: 0, or -7 for an unknown id. A delivery under way in
- * the event thread finishes first unless this is called from inside it. */
+ * the event thread finishes first unless this is called from inside it: do not call it while
+ * holding a lock that the registration's fn takes. */
 LIBPMX_API int libpmx_event_unregister(int id);
 /* Queues one event for the registrations of its kind (the change callbacks call it). */
 LIBPMX_API void libpmx_event_post(void *context, const libpmx_event_t *event);
