@@ -183,6 +183,8 @@ LIBPMX_API int libpmx_notify_unreg(int type);
 LIBPMX_API int libpmx_notify_check_ready(int type);
 /* Calls the hooks of type with (context, type, event, arg) when every bit of its mask is set. */
 LIBPMX_API void libpmx_notify_handle(void *context, int type, int event, void *arg);
+/* The name of a notify type ("LIBPMX_NOTIFY_LC_EVENT"), "" for a type outside 1 to 8. */
+LIBPMX_API const char *libpmx_notify_name(int type);
 /* Debug command "dump_notify": which of types 1 to 7 are ready, and the hooks waiting. */
 LIBPMX_API void libpmx_dump_notify_ready(void);
 

@@ -40,6 +40,7 @@ constexpr const char *kNames[] = {
     "LIBPMX_NOTIFY_LMODID_EVENT",
     "LIBPMX_NOTIFY_MYINFO_EVENT",
     "LIBPMX_NOTIFY_MYCHSS_EVENT",
+    "LIBPMX_NOTIFY_CHIPSLOT_EVENT",
 };
 
 uint32_t ready_word()
@@ -130,6 +131,11 @@ extern "C" int libpmx_notify_reg(int type, libpmx_notify_hook_fn hook)
     libpmx_notify_check_ready(type);
     if (type == kChipSlot && fresh) libpmx_fuid_info_for_each(chipslot_add_event, nullptr);
     return LIBPMX_OK;
+}
+
+extern "C" const char *libpmx_notify_name(int type)
+{
+    return type >= 1 && type <= kChipSlot ? kNames[type] : "";
 }
 
 extern "C" int libpmx_notify_unreg(int type)
