@@ -40,7 +40,22 @@ public:
     RedisServer &operator=(const RedisServer &) = delete;
 
     // Starts the server, empty, on the same socket path every time; false with error() set.
-    bool start() { return !dir_.empty() && script("start"); }
+    bool start() { return !dir_.empty() && forget_saved() && script("start"); }
+    // Starts it with the data of the last save(), as a server restarted from its snapshot;
+    // returns once it has loaded them and answers.
+    bool start_with_saved_data() { return !dir_.empty() && script("start"); }
+    // Writes what the server holds to its snapshot file (SAVE), for start_with_saved_data().
+    bool save()
+    {
+        const std::string out = dir_ + "/save.out";
+        const int status = std::system(
+            ("redis-cli -s " + quoted(socket_path()) + " save >" + quoted(out) + " 2>&1").c_str());
+        std::stringstream text;
+        text << std::ifstream(out).rdbuf();
+        if (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0 && text.str().rfind("OK", 0) == 0)
+            return true;
+        return fail("SAVE in " + dir_ + " failed: " + text.str());
+    }
     // Shuts the server down and waits until it has exited; true also when it was not running.
     bool stop() { return dir_.empty() || script("stop"); }
     // Kills the server with SIGKILL (nothing is saved) and waits until it is gone.
@@ -73,6 +88,12 @@ private:
     {
         error_ = why;
         return false;
+    }
+    bool forget_saved()
+    {
+        std::error_code ec;
+        std::filesystem::remove(dir_ + "/dump.rdb", ec);
+        return !ec || fail("cannot remove the snapshot in " + dir_ + ": " + ec.message());
     }
     static std::string quoted(const std::string &s)
     {

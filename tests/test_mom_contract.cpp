@@ -451,6 +451,22 @@ TEST_P(MomContract, DataSourcesSubscribeThenSnapshotThenReportAllLoadedOnce)
     ASSERT_EQ(qv_mom_reg_key_event(glb_, &in[2], QV_MOM_EVENT_ADD, OnKey), QV_MOM_OK);
     ASSERT_TRUE(rec_.wait_for_key(Loaded(ds2), -1));
     EXPECT_EQ(TakeUpTo(27, 5), (Seens{{-1, Loaded(ds2), ""}}));
+
+    // A source over kinds that have their callbacks already (a start-up done again) waits for
+    // key events of its own, so its option can still be set; the callback registered again is
+    // still called once per change.
+    int ds3 = qv_mom_reg_ds(ab, in, 2, nullptr, 0);
+    ASSERT_GE(ds3, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(qv_mom_set_ds_opt(ab, ds3, QV_MOM_DS_OPT_SNAPSHOT, 1), QV_MOM_OK);
+    ASSERT_EQ(qv_mom_reg_single_ds_event(glb_, ds3, QV_MOM_DS_EVENT_ALL_LOADED, OnLoaded, nullptr), QV_MOM_OK);
+    ASSERT_EQ(qv_mom_reg_key_event(glb_, &in[0], QV_MOM_EVENT_ADD, OnKey), QV_MOM_OK);
+    ASSERT_EQ(qv_mom_reg_key_event(glb_, &in[1], QV_MOM_EVENT_ADD, OnKey), QV_MOM_OK);
+    ASSERT_TRUE(rec_.wait_for_key(Loaded(ds3), -1));
+    rec_.take();
+    Ifx c(3, 3);
+    ASSERT_EQ(Set(26, c), QV_MOM_OK);
+    EXPECT_EQ(TakeUpTo(26, 6), (Seens{{QV_MOM_EVENT_ADD, c.text(), Packed(c.msg())}}));
 }
 
 TEST_P(MomContract, ContextsBelongToTheirThreadWhichReadsAtOnceOnItsOwnConnection)

@@ -4,13 +4,22 @@
 #include <event2/event.h>
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "log_capture.h"
@@ -72,6 +81,144 @@ protected:
     std::unique_ptr<qv::mom::Connection> conn;
 };
 
+// A stand-in for a server still loading its data from disk: PING is answered with LOADING the
+// first `loading` times and PONG after; CONFIG GET and PSUBSCRIBE are answered as Redis does
+// (Redis accepts both while it loads). The names of the commands are kept in arrival order.
+class LoadingServer {
+public:
+    explicit LoadingServer(int loading) : loading_(loading)
+    {
+        std::string dir = (std::filesystem::temp_directory_path() / "pmx-loading.XXXXXX").string();
+        if (::mkdtemp(dir.data()) == nullptr) return;
+        dir_ = dir;
+        path_ = dir_ + "/fake.sock";
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        path_.copy(addr.sun_path, sizeof addr.sun_path - 1);
+        listen_fd_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        if (listen_fd_ < 0 || ::bind(listen_fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+            ::listen(listen_fd_, 4) != 0)
+            return;
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~LoadingServer()
+    {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+        if (listen_fd_ >= 0) ::close(listen_fd_);
+        std::error_code ec;
+        if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
+    }
+    LoadingServer(const LoadingServer &) = delete;
+    LoadingServer &operator=(const LoadingServer &) = delete;
+
+    bool up() const { return thread_.joinable(); }
+    std::string url() const { return "unix://" + path_; }
+    std::vector<std::string> commands() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return commands_;
+    }
+
+private:
+    void serve()
+    {
+        int client = -1;
+        std::string buf;
+        while (!stop_) {
+            pollfd p[2] = {{listen_fd_, POLLIN, 0}, {client, POLLIN, 0}};
+            if (::poll(p, client >= 0 ? 2 : 1, 20) <= 0) continue;
+            if ((p[0].revents & POLLIN) != 0) {
+                if (client >= 0) ::close(client);
+                client = ::accept(listen_fd_, nullptr, nullptr);
+                buf.clear();
+                continue;
+            }
+            char chunk[4096];
+            const ssize_t n = ::read(client, chunk, sizeof chunk);
+            if (n <= 0) {
+                ::close(client);
+                client = -1;
+                continue;
+            }
+            buf.append(chunk, static_cast<size_t>(n));
+            std::vector<std::string> args;
+            while (take_command(&buf, &args)) answer(client, args);
+        }
+        if (client >= 0) ::close(client);
+    }
+
+    // One command in the protocol's array form off the front of buf; false when incomplete.
+    static bool take_command(std::string *buf, std::vector<std::string> *args)
+    {
+        args->clear();
+        size_t at = 0;
+        auto line = [&](char type, long *value) {
+            const size_t end = buf->find("\r\n", at);
+            if (end == std::string::npos || (*buf)[at] != type) return false;
+            *value = std::strtol(buf->c_str() + at + 1, nullptr, 10);
+            at = end + 2;
+            return true;
+        };
+        long count = 0;
+        if (!line('*', &count)) return false;
+        for (long i = 0; i < count; ++i) {
+            long len = 0;
+            if (!line('$', &len) || buf->size() < at + static_cast<size_t>(len) + 2) return false;
+            args->push_back(buf->substr(at, static_cast<size_t>(len)));
+            at += static_cast<size_t>(len) + 2;
+        }
+        buf->erase(0, at);
+        return !args->empty();
+    }
+
+    void answer(int fd, const std::vector<std::string> &args)
+    {
+        std::string name = args[0];
+        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::toupper(c); });
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            commands_.push_back(name);
+        }
+        std::string out;
+        if (name == "PING") {
+            out = pings_++ < loading_ ? "-LOADING Redis is loading the dataset in memory\r\n" : "+PONG\r\n";
+        } else if (name == "CONFIG") {
+            out = "*2\r\n$22\r\nnotify-keyspace-events\r\n$2\r\nKA\r\n";
+        } else if (name == "PSUBSCRIBE") {
+            for (size_t i = 1; i < args.size(); ++i)
+                out += "*3\r\n$10\r\npsubscribe\r\n$" + std::to_string(args[i].size()) + "\r\n" + args[i] + "\r\n:" +
+                       std::to_string(++subscriptions_) + "\r\n";
+        } else {
+            out = "-ERR unknown command\r\n";
+        }
+        for (size_t sent = 0; sent < out.size();) {
+            const ssize_t n = ::write(fd, out.data() + sent, out.size() - sent);
+            if (n <= 0) return;
+            sent += static_cast<size_t>(n);
+        }
+    }
+
+    const int loading_;
+    int pings_ = 0;
+    int subscriptions_ = 0;
+    std::string dir_, path_;
+    int listen_fd_ = -1;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> commands_;
+};
+
+// The bytes a record is made of: a plain value, or a hash's values one after the other.
+std::string record_bytes(const qv::mom::StoredValue &v)
+{
+    if (v.kind == qv::mom::StoredValue::Kind::Plain) return v.plain;
+    std::string joined;
+    for (const auto &f : v.hash) joined += f.second;
+    return joined;
+}
+
 TEST(MomRedisUrl, MalformedUrlsAreRefusedWithAReasonAndNoServerIsNeeded)
 {
     for (const char *bad : {"redis://", "redis://:6379", "redis://host:0", "redis://host:65536", "redis://host:x",
@@ -104,6 +251,130 @@ TEST_F(MomRedis, ScanFindsTheSingletonAndEveryKeyOfTheKindOnlyOnce)
     int calls = 0;
     EXPECT_EQ(conn->scan(5, kind, [&](const std::string &) { return ++calls == 3 ? 7 : 0; }), 7);
     EXPECT_EQ(calls, 3);
+}
+
+TEST_F(MomRedis, ReadBatchGivesWhatEachKeyHoldsWhateverTypeWasExpected)
+{
+    using Kind = qv::mom::StoredValue::Kind;
+    // More than one pipeline of keys, in runs of two databases (a SELECT inside a pipeline):
+    // plain, hash (a value with a zero byte) and absent, each read with every hint.
+    constexpr int n = 2500;
+    const Kind hints[] = {Kind::Absent, Kind::Plain, Kind::Hash};
+    std::vector<std::string> texts;
+    for (int i = 0; i < n; ++i) texts.push_back("r|" + std::to_string(i));
+    std::vector<qv::mom::Connection::Key> keys;
+    std::vector<std::pair<Kind, std::string>> want;
+    std::vector<qv::mom::Connection::Write> writes;
+    for (int i = 0; i < n; ++i) {
+        const int db = (i / 100) % 2 == 0 ? 5 : 6;
+        const std::string v = "v" + std::to_string(i);
+        if (i % 3 == 0) {
+            writes.push_back({db, texts[i], false, v, {}});
+            want.emplace_back(Kind::Plain, v);
+        } else if (i % 3 == 1) {
+            writes.push_back({db, texts[i], true, "", {{"a", v}, {"b", std::string("\0z", 2)}}});
+            want.emplace_back(Kind::Hash, v + std::string("\0z", 2));
+        } else {
+            want.emplace_back(Kind::Absent, "");
+        }
+        keys.push_back({db, texts[i], hints[(i / 3) % 3]});
+    }
+    size_t failed = 0;
+    ASSERT_EQ(conn->write_batch(writes, &failed), QV_MOM_OK);
+    auto check = [&](const std::vector<qv::mom::StoredValue> &got) {
+        ASSERT_EQ(got.size(), want.size());
+        for (size_t i = 0; i < got.size(); ++i) {
+            EXPECT_EQ(got[i].kind, want[i].first) << texts[i] << " read with hint " << static_cast<int>(keys[i].hint);
+            EXPECT_EQ(record_bytes(got[i]), want[i].second) << texts[i];
+        }
+    };
+    std::vector<qv::mom::StoredValue> got;
+    ASSERT_EQ(conn->read_batch(keys, &got), QV_MOM_OK);
+    check(got);
+
+    // A key holding a type that is no record fails the batch; the connection stays in step.
+    redisContext *raw = redisConnectUnix(server.socket_path().c_str());
+    ASSERT_TRUE(raw && !raw->err);
+    freeReplyObject(redisCommand(raw, "SELECT 6"));
+    freeReplyObject(redisCommand(raw, "RPUSH r|list x"));
+    redisFree(raw);
+    auto with_list = keys;
+    with_list.insert(with_list.begin() + 150, {6, "r|list", Kind::Plain});
+    EXPECT_EQ(conn->read_batch(with_list, &got), QV_MOM_E_SERVER);
+    ASSERT_EQ(conn->read_batch(keys, &got), QV_MOM_OK);
+    check(got);
+    std::string plain;
+    EXPECT_EQ(conn->get(5, texts[0], &plain), QV_MOM_OK);
+    EXPECT_EQ(plain, "v0");
+
+    // After a restart (empty) the same connection reconnects and finds nothing.
+    ASSERT_TRUE(server.kill9()) << server.error();
+    ASSERT_TRUE(server.start()) << server.error();
+    ASSERT_EQ(conn->read_batch(keys, &got), QV_MOM_OK);
+    EXPECT_EQ(std::count_if(got.begin(), got.end(), [](const auto &v) { return v.kind != Kind::Absent; }), 0);
+}
+
+TEST_F(MomRedis, ScanKindsSortsTheKeysOfSeveralKindsFromOneWalk)
+{
+    // Glob characters and a common prefix in the names, singletons, a kind without keys, and
+    // keys that only look alike.
+    const std::vector<std::string> names{"p.a", "p.a*[b]", "p.c", "p.none"};
+    std::vector<std::set<std::string>> want(names.size());
+    std::vector<qv::mom::Connection::Write> writes;
+    auto add = [&](int db, const std::string &key, int kind) {
+        writes.push_back({db, key, false, "v", {}});
+        if (kind >= 0 && db == 7) want[static_cast<size_t>(kind)].insert(key);
+    };
+    for (int i = 0; i < 1500; ++i) add(7, "p.a|" + std::to_string(i), 0);
+    add(7, "p.a", 0);
+    for (int i = 0; i < 10; ++i) add(7, "p.a*[b]|" + std::to_string(i), 1);
+    add(7, "p.a*[b]", 1);
+    add(7, "p.c|x|y", 2);
+    for (const char *other : {"p.ab|1", "p.aX[b]|1", "p.a*[b]x|1", "p.c_d|1", "p.c-", "q.a|1"}) add(7, other, -1);
+    add(8, "p.a|other-db", 0);
+    size_t failed = 0;
+    ASSERT_EQ(conn->write_batch(writes, &failed), QV_MOM_OK);
+
+    std::vector<std::vector<std::string>> got;
+    ASSERT_EQ(conn->scan_kinds(7, names, &got), QV_MOM_OK);
+    ASSERT_EQ(got.size(), names.size());
+    for (size_t i = 0; i < names.size(); ++i)
+        EXPECT_EQ(std::set<std::string>(got[i].begin(), got[i].end()), want[i]) << names[i];
+    // One name alone: its own scan, each key once.
+    ASSERT_EQ(conn->scan_kinds(7, {"p.a*[b]"}, &got), QV_MOM_OK);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(std::multiset<std::string>(got[0].begin(), got[0].end()),
+              std::multiset<std::string>(want[1].begin(), want[1].end()));
+}
+
+TEST(MomRedisFeed, AServerLoadingItsDataIsWaitedForBeforeTheFeedSubscribes)
+{
+    LoadingServer fake(3);
+    ASSERT_TRUE(fake.up());
+    std::string err;
+    auto backend = qv::mom::open_redis(fake.url(), &err);
+    ASSERT_TRUE(backend) << err;
+    LogCapture log;
+    Feed feed;
+    auto sub = backend->subscriber();
+    sub->watch(26, "k");
+    ASSERT_EQ(sub->start(feed.base, &feed), QV_MOM_OK);
+    ASSERT_TRUE(feed.run_until([&] { return feed.subscribed == 1; }));
+    // Asked again until it answers, on the same connection, and subscribed only then: the scan
+    // that follows the report must find the server able to read.
+    const auto cmds = fake.commands();
+    const std::vector<std::string> pings(4, "PING");
+    ASSERT_GE(cmds.size(), 6u);
+    EXPECT_EQ(std::vector<std::string>(cmds.begin(), cmds.begin() + 4), pings);
+    EXPECT_EQ(std::count(cmds.begin(), cmds.end(), "PING"), 4);
+    EXPECT_EQ(std::count(cmds.begin(), cmds.end(), "PSUBSCRIBE"), 2);
+    EXPECT_EQ(feed.lost, 0);
+    bool told = false;
+    for (const auto &l : log.lines())
+        told = told || (l.level == QV_ZLOG_LEVEL_NOTICE && l.text.find("loading its data") != std::string::npos &&
+                        l.text.find(fake.url()) != std::string::npos);
+    EXPECT_TRUE(told);
+    sub->stop();
 }
 
 TEST_F(MomRedis, FeedAndConnectionsComeBackAfterARestartAndWaitForALateServer)

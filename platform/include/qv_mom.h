@@ -155,7 +155,8 @@ qv_mom_ab_t *qv_mom_ab_init(qv_mom_glb_t *glb, const char *name, void *opt_in, v
 
 /* Registers a data source reading the in-keys (and publishing the out-keys, kept for the
  * record only). Returns its id (>= 0) or a negative code. The source starts (subscribes, then
- * snapshots) once every in-key has at least one key event registered. */
+ * snapshots) once every in-key has had a key event registered since the source was: its options
+ * can be set until then, also when an earlier source follows the same keys. */
 int qv_mom_reg_ds(qv_mom_ab_t *ab, const qv_mom_key_desc_t *in_keys, int n_in,
                   const qv_mom_key_desc_t *out_keys, int n_out);
 /* Sets an option (QV_MOM_DS_OPT_*) of a data source before it starts; 0 or a negative code. */
@@ -173,7 +174,8 @@ int qv_mom_reg_single_ds_event(qv_mom_glb_t *glb, int ds, int event, qv_mom_ds_e
 typedef void (*qv_mom_key_event_fn)(void *context, int event, const ProtobufCMessage *key,
                                     const ProtobufCMessage *record);
 /* Registers fn for one event of a key. A key of a registered data source joins that source;
- * any other key is subscribed and snapshotted on its own at once. */
+ * any other key is subscribed and snapshotted on its own at once. The same fn registered again
+ * for the same event of a key is still called once per change. */
 int qv_mom_reg_key_event(qv_mom_glb_t *glb, const qv_mom_key_desc_t *key, int event, qv_mom_key_event_fn fn);
 
 #ifdef __cplusplus

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -38,6 +39,27 @@ public:
     virtual int hgetall(int db, const std::string &key, HashFields *out) = 0;
     // Reads whatever the key holds (the subscriber's re-read and the scan use it).
     virtual int read(int db, const std::string &key, StoredValue *out) = 0;
+    // A key of a database for reads in a batch (the text is the caller's and outlives the call),
+    // and the type it is expected to hold (Absent: not known). A store may then ask for that
+    // type alone; a wrong guess costs a second read, never a wrong value.
+    struct Key {
+        int db;
+        std::string_view key;
+        StoredValue::Kind hint = StoredValue::Kind::Absent;
+    };
+    // What read() gives for each key, (*out)[i] for keys[i], except that a hash may come as its
+    // field values alone, with empty names (a record needs no more); a store that can send the
+    // reads together overrides it. 0, or the result of the first read that failed (*out is then
+    // not to be used: on Redis a server error about one key fails the whole batch).
+    virtual int read_batch(const std::vector<Key> &keys, std::vector<StoredValue> *out)
+    {
+        out->assign(keys.size(), StoredValue{});
+        for (size_t i = 0; i < keys.size(); ++i) {
+            const int rc = read(keys[i].db, std::string(keys[i].key), &(*out)[i]);
+            if (rc < 0) return rc;
+        }
+        return 0;
+    }
     virtual int set(int db, const std::string &key, const std::string &value) = 0;
     virtual int hset(int db, const std::string &key, const HashFields &fields) = 0;
     virtual int del(int db, const std::string &key) = 0;
@@ -65,6 +87,20 @@ public:
     }
     // Every key equal to `name` or starting with `name|`; fn's non-zero result stops the scan.
     virtual int scan(int db, const std::string &name, const std::function<int(const std::string &)> &fn) = 0;
+    // The keys of several names at once, (*keys)[i] those of names[i]; a store that can walk its
+    // keys once for all of them overrides it, and may then give a key twice.
+    virtual int scan_kinds(int db, const std::vector<std::string> &names, std::vector<std::vector<std::string>> *keys)
+    {
+        keys->assign(names.size(), {});
+        for (size_t i = 0; i < names.size(); ++i) {
+            const int rc = scan(db, names[i], [&](const std::string &key) {
+                (*keys)[i].push_back(key);
+                return 0;
+            });
+            if (rc < 0) return rc;
+        }
+        return 0;
+    }
 };
 
 // What a subscriber reports, on the event thread.

@@ -369,15 +369,23 @@ extern "C" int qv_mom_scan_sync(void *context, int db, const ProtobufCMessageDes
         return 0;
     });
     if (rc < 0) return failed(rc, "scan", db, record->name);
-    for (const auto &k : keys) {
-        qv::mom::StoredValue v;
-        rc = conn->read(db, k, &v);
-        if (rc < 0) return failed(rc, "scan: read", db, k);
-        if (v.kind == qv::mom::StoredValue::Kind::Absent) continue;
-        MessagePtr rec = qv::mom::unpack_stored(record, v);
-        if (!rec) failed(QV_MOM_E_DECODE, "scan: read", db, k);
-        rc = fn(k.c_str(), rec.get(), arg);
-        if (rc != 0) return rc;
+    // Read in batches (one round trip each on Redis) of a bounded size.
+    constexpr size_t kChunk = 1024;
+    std::vector<qv::mom::Connection::Key> chunk;
+    std::vector<qv::mom::StoredValue> values;
+    for (size_t start = 0; start < keys.size(); start += kChunk) {
+        chunk.clear();
+        for (size_t i = start; i < keys.size() && i < start + kChunk; ++i) chunk.push_back({db, keys[i]});
+        rc = conn->read_batch(chunk, &values);
+        if (rc < 0) return failed(rc, "scan: read", db, record->name);
+        for (size_t i = 0; i < chunk.size(); ++i) {
+            const std::string &key = keys[start + i];
+            if (values[i].kind == qv::mom::StoredValue::Kind::Absent) continue;
+            MessagePtr rec = qv::mom::unpack_stored(record, values[i]);
+            if (!rec) failed(QV_MOM_E_DECODE, "scan: read", db, key);
+            rc = fn(key.c_str(), rec.get(), arg);
+            if (rc != 0) return rc;
+        }
     }
     return QV_MOM_OK;
 }

@@ -77,17 +77,19 @@ public:
     int read(int db, const std::string &key, StoredValue *out) override
     {
         if (!db_ok(db)) return QV_MOM_E_INVAL;
-        *out = StoredValue{};
         std::lock_guard<std::mutex> lock(store_->mutex);
-        auto it = store_->dbs[db].find(key);
-        if (it == store_->dbs[db].end()) return QV_MOM_OK;
-        if (it->second.is_hash) {
-            out->kind = StoredValue::Kind::Hash;
-            out->hash.assign(it->second.hash.begin(), it->second.hash.end());
-        } else {
-            out->kind = StoredValue::Kind::Plain;
-            out->plain = it->second.plain;
-        }
+        take(db, key, out);
+        return QV_MOM_OK;
+    }
+
+    // Under one hold of the store's mutex.
+    int read_batch(const std::vector<Key> &keys, std::vector<StoredValue> *out) override
+    {
+        for (const Key &k : keys)
+            if (!db_ok(k.db)) return QV_MOM_E_INVAL;
+        out->assign(keys.size(), StoredValue{});
+        std::lock_guard<std::mutex> lock(store_->mutex);
+        for (size_t i = 0; i < keys.size(); ++i) take(keys[i].db, std::string(keys[i].key), &(*out)[i]);
         return QV_MOM_OK;
     }
 
@@ -145,6 +147,21 @@ public:
     }
 
 private:
+    // With the store mutex held.
+    void take(int db, const std::string &key, StoredValue *out) const
+    {
+        *out = StoredValue{};
+        auto it = store_->dbs[db].find(key);
+        if (it == store_->dbs[db].end()) return;
+        if (it->second.is_hash) {
+            out->kind = StoredValue::Kind::Hash;
+            out->hash.assign(it->second.hash.begin(), it->second.hash.end());
+        } else {
+            out->kind = StoredValue::Kind::Plain;
+            out->plain = it->second.plain;
+        }
+    }
+
     std::shared_ptr<Store> store_;
 };
 

@@ -1,7 +1,8 @@
 // Key events: a store event only says "this key changed". On a set the key is re-read and an
 // ADD is delivered when the record differs from the last one delivered; on a delete the last
-// record delivered goes out with the DEL. Kinds are watched first and scanned second; after a
-// lost feed every kind is scanned again and compared with the last records kept.
+// record delivered goes out with the DEL. Events are handled in batches, the re-reads of a batch
+// in one round trip. Kinds are watched first and scanned second; after a lost feed every kind is
+// scanned again and compared with the last records kept, its keys read in batches too.
 #include "follower.h"
 
 #include "codec.h"
@@ -10,6 +11,10 @@
 #include "log.h"
 #include "thread_master.h"
 
+#include <event2/event.h>
+
+#include <algorithm>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -24,11 +29,17 @@ struct Follower::Kind {
     std::vector<qv_mom_key_event_fn> on_add;
     std::vector<qv_mom_key_event_fn> on_del;
     std::vector<Source *> sources;
-    std::unordered_map<std::string, std::string> last; // key text -> packed record delivered
+    struct Last {
+        std::string packed; // the record delivered
+        unsigned mark = 0;  // the scan that last found the key
+    };
+    std::unordered_map<std::string, Last> last; // by key text
+    unsigned mark = 0;                          // the current scan
     bool watched = false;
     bool synced = false;     // scanned at least once
     bool needs_scan = false; // watched or lost since the feed last reported itself subscribed
     bool snapshot = false;   // the first scan delivers what exists
+    StoredValue::Kind form = StoredValue::Kind::Absent; // what the last key read held, if any
 
     bool singleton() const { return key == value; }
     bool has_events() const { return !on_add.empty() || !on_del.empty(); }
@@ -37,6 +48,9 @@ struct Follower::Kind {
 struct Follower::Source {
     int id = 0;
     std::vector<Kind *> in;
+    // In-kinds given a key event since the source was registered: it starts once all are, so
+    // kinds that an earlier source left with callbacks do not start it before its options are set.
+    std::unordered_set<Kind *> armed;
     bool started = false;
     bool loaded = false;
     std::vector<std::pair<qv_mom_ds_event_fn, void *>> on_loaded;
@@ -56,6 +70,12 @@ bool is_delete(const std::string &event)
 }
 
 const char *owner_of(const qv_mom_key_desc_t &k) { return k.owner != nullptr ? k.owner : ""; }
+
+// Key events handled in one batch at most, and keys read in one round trip at most: the
+// Redis connection's pipeline size.
+constexpr size_t kBatch = 1024;
+
+constexpr size_t kNone = static_cast<size_t>(-1);
 
 } // namespace
 
@@ -91,17 +111,20 @@ void Follower::run(std::promise<std::string> *ready)
     record_ = qv_mom_thread_attach(glb_, master_);
     event_base *base = qv_thread_master_base(master_);
     std::unique_ptr<Notifier> notifier = Notifier::create(base, [this] { drain(); });
+    batch_ev_ = event_new(base, -1, 0, &Follower::on_batch, this);
     subscriber_ = glb_->backend->subscriber();
     std::string failure;
     if (record_ == nullptr)
         failure = "the event thread cannot attach";
-    else if (!notifier)
-        failure = "the event thread cannot make its wake-up event";
+    else if (!notifier || batch_ev_ == nullptr)
+        failure = "the event thread cannot make its wake-up events";
     else if (!subscriber_ || subscriber_->start(base, this) != QV_MOM_OK)
         failure = "cannot start the key-event feed";
     if (!failure.empty()) {
         subscriber_.reset();
         notifier.reset();
+        if (batch_ev_ != nullptr) event_free(batch_ev_);
+        batch_ev_ = nullptr;
         qv_mom_thread_detach();
         qv_thread_master_free(master_);
         ready->set_value(failure);
@@ -128,6 +151,9 @@ void Follower::run(std::promise<std::string> *ready)
     subscriber_->stop();
     subscriber_.reset();
     notifier.reset();
+    event_free(batch_ev_);
+    batch_ev_ = nullptr;
+    pending_.clear();
     kinds_.clear();
     sources_.clear();
     qv_mom_thread_detach();
@@ -255,17 +281,23 @@ void Follower::add_key_event(const KeyDesc &k, int event, qv_mom_key_event_fn fn
     Kind *kind = kind_for(k);
     if (kind == nullptr) return;
     bool was_synced = kind->synced;
-    (event == QV_MOM_EVENT_ADD ? kind->on_add : kind->on_del).push_back(fn);
+    // The same callback registered again for the same event is called once per change.
+    auto &fns = event == QV_MOM_EVENT_ADD ? kind->on_add : kind->on_del;
+    const bool again = std::find(fns.begin(), fns.end(), fn) != fns.end();
+    if (!again) fns.push_back(fn);
     if (kind->sources.empty()) {
         kind->snapshot = true;
         watch_kinds({kind});
     } else {
-        for (Source *s : kind->sources) maybe_start(*s);
+        for (Source *s : kind->sources) {
+            s->armed.insert(kind);
+            maybe_start(*s);
+        }
     }
     // A callback joining a kind that is already loaded gets what the others have been given.
-    if (was_synced && event == QV_MOM_EVENT_ADD && kind->snapshot) {
+    if (!again && was_synced && event == QV_MOM_EVENT_ADD && kind->snapshot) {
         for (const auto &kv : kind->last) {
-            MessagePtr rec = unpack_record(kind->value, kv.second);
+            MessagePtr rec = unpack_record(kind->value, kv.second.packed);
             if (rec) deliver(*kind, QV_MOM_EVENT_ADD, kv.first, rec.get(), fn);
         }
     }
@@ -283,7 +315,7 @@ void Follower::maybe_start(Source &s)
 {
     if (s.started) return;
     for (Kind *k : s.in)
-        if (!k->has_events()) return;
+        if (s.armed.count(k) == 0) return;
     int snapshot = 1;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -320,46 +352,102 @@ void Follower::check_loaded(Source &s)
     for (const auto &h : s.on_loaded) h.first(record_, s.id, QV_MOM_DS_EVENT_ALL_LOADED, h.second);
 }
 
-bool Follower::sync_kind(Kind &k)
+// Scans kinds of one database in one walk of its keys, then reads each kind's keys in batches
+// and compares them with the last records delivered. A kind that cannot be read is tried again.
+void Follower::sync_kinds(int db, const std::vector<Kind *> &kinds)
 {
-    std::vector<std::string> keys;
-    int rc = conn()->scan(k.db, k.name, [&keys](const std::string &key) {
-        keys.push_back(key);
-        return 0;
-    });
+    std::vector<std::string> names;
+    for (Kind *k : kinds) names.push_back(k->name);
+    std::vector<std::vector<std::string>> keys;
+    const int rc = conn()->scan_kinds(db, names, &keys);
     if (rc < 0) {
-        QV_MOM_LOG(QV_ZLOG_LEVEL_WARN, "cannot scan %s in db %d of %s (error %d): retried when the feed is back",
-                   k.name.c_str(), k.db, url_.c_str(), rc);
-        k.needs_scan = true;
+        QV_MOM_LOG(QV_ZLOG_LEVEL_WARN, "cannot scan %s%s in db %d of %s (error %d): retried when the feed is back",
+                   names.front().c_str(), kinds.size() > 1 ? " and other record kinds" : "", db, url_.c_str(), rc);
+        for (Kind *k : kinds) k->needs_scan = true;
         schedule_rescan();
-        return false;
+        return;
     }
-    bool deliver_add = k.synced || k.snapshot;
-    std::unordered_set<std::string> present;
-    for (const auto &key : keys) {
-        StoredValue v;
-        rc = conn()->read(k.db, key, &v);
-        if (rc < 0) {
-            QV_MOM_LOG(QV_ZLOG_LEVEL_WARN, "cannot read %s in db %d of %s (error %d) while scanning",
-                       key.c_str(), k.db, url_.c_str(), rc);
+    for (size_t i = 0; i < kinds.size(); ++i)
+        if (sync_kind(*kinds[i], keys[i])) kinds[i]->needs_scan = false;
+}
+
+// Every key found is marked in the last records; those left unmarked are gone. A key the server
+// refuses to read keeps its last record, and the kind is scanned again later.
+bool Follower::sync_kind(Kind &k, const std::vector<std::string> &keys)
+{
+    const bool deliver_add = k.synced || k.snapshot;
+    ++k.mark;
+    std::vector<Connection::Key> chunk;
+    std::vector<StoredValue> values;
+    std::vector<bool> ok;
+    size_t refused = 0;
+    int why = QV_MOM_OK;
+    for (size_t start = 0; start < keys.size(); start += kBatch) {
+        chunk.clear();
+        for (size_t i = start; i < keys.size() && i < start + kBatch; ++i) chunk.push_back({k.db, keys[i], k.form});
+        const int rc = read_values(chunk, &values, &ok);
+        if (rc < 0 && rc != QV_MOM_E_SERVER) {
+            QV_MOM_LOG(QV_ZLOG_LEVEL_WARN, "cannot read %zu keys of %s in db %d of %s (error %d) while scanning",
+                       chunk.size(), k.name.c_str(), k.db, url_.c_str(), rc);
             k.needs_scan = true;
             schedule_rescan();
             return false;
         }
-        if (v.kind == StoredValue::Kind::Absent) continue;
-        present.insert(key);
-        update(k, key, v, deliver_add);
+        for (size_t i = 0; i < chunk.size(); ++i) {
+            const std::string &key = keys[start + i];
+            if (!ok[i]) {
+                ++refused;
+                why = rc;
+                auto it = k.last.find(key);
+                if (it != k.last.end()) it->second.mark = k.mark;
+            } else if (values[i].kind != StoredValue::Kind::Absent) {
+                update(k, key, values[i], deliver_add);
+            }
+        }
     }
     std::vector<std::string> gone;
     for (const auto &kv : k.last)
-        if (present.count(kv.first) == 0) gone.push_back(kv.first);
+        if (kv.second.mark != k.mark) gone.push_back(kv.first);
     for (const auto &key : gone) forget(k, key);
+    if (refused > 0) {
+        QV_MOM_LOG(QV_ZLOG_LEVEL_WARN, "the server refused to read %zu keys of %s in db %d of %s (error %d) while "
+                   "scanning: scanned again later", refused, k.name.c_str(), k.db, url_.c_str(), why);
+        k.needs_scan = true;
+        schedule_rescan();
+        return false;
+    }
     k.synced = true;
     return true;
 }
 
+namespace {
+
+// True when the stored value holds exactly these bytes: a plain value as it is, a hash as its
+// fields' values one after the other (which is how a record is stored and unpacked).
+bool holds(const StoredValue &v, const std::string &packed)
+{
+    if (v.kind == StoredValue::Kind::Plain) return v.plain == packed;
+    size_t at = 0;
+    for (const auto &f : v.hash) {
+        if (packed.compare(at, f.second.size(), f.second) != 0) return false;
+        at += f.second.size();
+    }
+    return at == packed.size();
+}
+
+} // namespace
+
+// The key is present with value v (marked as found by the current scan); an ADD goes out when
+// its record differs from the last one delivered. A value stored as the last record was packed
+// is that record, and is not unpacked again.
 void Follower::update(Kind &k, const std::string &key, const StoredValue &v, bool deliver_add)
 {
+    k.form = v.kind;
+    auto it = k.last.find(key);
+    if (it != k.last.end()) {
+        it->second.mark = k.mark;
+        if (holds(v, it->second.packed)) return;
+    }
     MessagePtr rec = unpack_stored(k.value, v);
     if (!rec) {
         QV_MOM_LOG(QV_ZLOG_LEVEL_ERROR, "%s in db %d of %s does not unpack as %s: not delivered", key.c_str(),
@@ -367,9 +455,10 @@ void Follower::update(Kind &k, const std::string &key, const StoredValue &v, boo
         return;
     }
     std::string packed = pack_record(rec.get());
-    auto it = k.last.find(key);
-    if (it != k.last.end() && it->second == packed) return;
-    k.last[key] = std::move(packed);
+    if (it != k.last.end() && it->second.packed == packed) return;
+    if (it == k.last.end()) it = k.last.emplace(key, Kind::Last{}).first;
+    it->second.packed = std::move(packed);
+    it->second.mark = k.mark;
     if (deliver_add) deliver(k, QV_MOM_EVENT_ADD, key, rec.get());
 }
 
@@ -377,7 +466,7 @@ void Follower::forget(Kind &k, const std::string &key)
 {
     auto it = k.last.find(key);
     if (it == k.last.end()) return;
-    MessagePtr rec = unpack_record(k.value, it->second);
+    MessagePtr rec = unpack_record(k.value, it->second.packed);
     k.last.erase(it);
     if (rec) deliver(k, QV_MOM_EVENT_DEL, key, rec.get());
 }
@@ -421,18 +510,23 @@ void Follower::on_lost(const std::string &why)
 {
     QV_MOM_LOG(QV_ZLOG_LEVEL_WARN, "lost the key-event feed of %s: %s; changes are caught up when it is back",
                url_.c_str(), why.c_str());
+    handle_pending();
     feed_lost_ = true;
     for (auto &kv : kinds_)
         if (kv.second->watched) kv.second->needs_scan = true;
 }
 
-// Scans every kind that needs it (a failed scan schedules the next attempt).
+// Scans every kind that needs it, those of one database together (a failed scan schedules the
+// next attempt). The key events queued before are older than what the scan reads: they go first.
 void Follower::rescan()
 {
+    handle_pending();
+    std::map<int, std::vector<Kind *>> by_db;
     for (auto &kv : kinds_) {
         Kind &k = *kv.second;
-        if (k.watched && k.needs_scan && sync_kind(k)) k.needs_scan = false;
+        if (k.watched && k.needs_scan) by_db[k.db].push_back(&k);
     }
+    for (const auto &db : by_db) sync_kinds(db.first, db.second);
     for (auto &s : sources_)
         if (s) check_loaded(*s);
 }
@@ -457,21 +551,99 @@ void Follower::on_key_event(int db, const std::string &key, const std::string &e
 {
     auto it = kinds_.find({db, key_kind(key)});
     if (it == kinds_.end()) return;
-    Kind &k = *it->second;
-    if (is_delete(event)) {
-        forget(k, key);
-        return;
+    if (pending_.empty()) event_active(batch_ev_, EV_TIMEOUT, 1);
+    pending_.push_back({it->second.get(), key, is_delete(event)});
+    if (pending_.size() >= kBatch) handle_pending();
+}
+
+void Follower::on_batch(int, short, void *arg) { static_cast<Follower *>(arg)->handle_pending(); }
+
+namespace {
+
+struct BatchKey {
+    const void *kind;
+    std::string_view key;
+    bool operator==(const BatchKey &o) const { return kind == o.kind && key == o.key; }
+};
+struct BatchKeyHash {
+    size_t operator()(const BatchKey &k) const
+    {
+        return std::hash<std::string_view>()(k.key) ^ std::hash<const void *>()(k.kind);
     }
-    StoredValue v;
-    int rc = conn()->read(db, key, &v);
-    if (rc < 0) {
-        QV_MOM_LOG(QV_ZLOG_LEVEL_WARN, "cannot re-read %s in db %d of %s after its %s event (error %d)",
-                   key.c_str(), db, url_.c_str(), event.c_str(), rc);
-        k.needs_scan = true;
-        schedule_rescan();
-        return;
+};
+
+} // namespace
+
+// The batch in arrival order. A set followed by a delete of the same key in the batch is
+// dropped (its value is gone, and the delete hands on the last record delivered); the first set
+// after a key's last delete reads the key, the later ones have nothing new to add. So a delete
+// then a set still give a DEL, then an ADD.
+void Follower::handle_pending()
+{
+    if (pending_.empty()) return;
+    std::vector<Pending> batch;
+    batch.swap(pending_);
+    struct Slot {
+        size_t last_del = kNone;
+        size_t read = kNone;
+    };
+    std::unordered_map<BatchKey, Slot, BatchKeyHash> slots;
+    slots.reserve(batch.size());
+    for (size_t i = 0; i < batch.size(); ++i)
+        if (batch[i].del) slots[{batch[i].kind, batch[i].key}].last_del = i;
+    std::vector<Connection::Key> reads;
+    std::vector<size_t> read_of(batch.size(), kNone);
+    for (size_t i = 0; i < batch.size(); ++i) {
+        if (batch[i].del) continue;
+        Slot &slot = slots[{batch[i].kind, batch[i].key}];
+        if ((slot.last_del != kNone && slot.last_del > i) || slot.read != kNone) continue;
+        slot.read = reads.size();
+        read_of[i] = slot.read;
+        reads.push_back({batch[i].kind->db, batch[i].key, batch[i].kind->form});
     }
-    if (v.kind != StoredValue::Kind::Absent) update(k, key, v, true);
+    std::vector<StoredValue> values;
+    std::vector<bool> ok;
+    const int rc = reads.empty() ? QV_MOM_OK : read_values(reads, &values, &ok);
+    for (size_t i = 0; i < batch.size(); ++i) {
+        Pending &p = batch[i];
+        if (p.del) {
+            forget(*p.kind, p.key);
+            continue;
+        }
+        const size_t r = read_of[i];
+        if (r == kNone) continue;
+        if (!ok[r]) {
+            p.kind->needs_scan = true;
+            continue;
+        }
+        if (values[r].kind != StoredValue::Kind::Absent) update(*p.kind, p.key, values[r], true);
+    }
+    if (rc == QV_MOM_OK) return;
+    const size_t failed = static_cast<size_t>(std::count(ok.begin(), ok.end(), false));
+    const Connection::Key &first = reads[static_cast<size_t>(std::find(ok.begin(), ok.end(), false) - ok.begin())];
+    const std::string more = failed > 1 ? " nor " + std::to_string(failed - 1) + " more keys" : "";
+    QV_MOM_LOG(QV_ZLOG_LEVEL_WARN, "cannot re-read %s in db %d of %s after its key event (error %d)%s: caught up by a rescan",
+               std::string(first.key).c_str(), first.db, url_.c_str(), rc, more.c_str());
+    schedule_rescan();
+}
+
+// Reads the keys in one batch; (*ok)[i] says whether keys[i] was read. When the server refuses
+// one of them, each is read on its own so that only the refused ones fail. 0, or the code of a
+// failure.
+int Follower::read_values(const std::vector<Connection::Key> &keys, std::vector<StoredValue> *values,
+                          std::vector<bool> *ok)
+{
+    int rc = conn()->read_batch(keys, values);
+    ok->assign(keys.size(), rc == QV_MOM_OK);
+    if (rc != QV_MOM_E_SERVER) return rc;
+    values->assign(keys.size(), StoredValue{});
+    rc = QV_MOM_OK;
+    for (size_t i = 0; i < keys.size(); ++i) {
+        const int one = conn()->read(keys[i].db, std::string(keys[i].key), &(*values)[i]);
+        (*ok)[i] = one >= 0;
+        if (one < 0 && rc == QV_MOM_OK) rc = one;
+    }
+    return rc;
 }
 
 } // namespace qv::mom

@@ -1,6 +1,8 @@
 // The event thread of a glb: it runs a timer master, owns the back end's change feed, and
 // delivers key events and data-source events. Every piece of subscription state lives on this
-// thread; the registration calls, callable from any thread, hand their work to it.
+// thread; the registration calls, callable from any thread, hand their work to it. Key events
+// are queued as they come and handled in batches once the loop is back from the feed, so that
+// the keys of a batch are re-read together.
 #ifndef QV_MOM_FOLLOWER_H
 #define QV_MOM_FOLLOWER_H
 
@@ -19,6 +21,8 @@
 
 #include "backend.h"
 #include "notifier.h"
+
+struct event;
 
 namespace qv::mom {
 
@@ -58,6 +62,12 @@ private:
         int snapshot = 1;
         bool started = false;
     };
+    // A key event waiting for its batch.
+    struct Pending {
+        Kind *kind;
+        std::string key;
+        bool del;
+    };
 
     void run(std::promise<std::string> *ready);
     bool post(std::function<void()> task);
@@ -70,10 +80,15 @@ private:
     void maybe_start(Source &s);
     void watch_kinds(const std::vector<Kind *> &kinds);
     void check_loaded(Source &s);
-    bool sync_kind(Kind &k);
+    void sync_kinds(int db, const std::vector<Kind *> &kinds);
+    bool sync_kind(Kind &k, const std::vector<std::string> &keys);
     void rescan();
     void schedule_rescan();
     static int on_rescan_timer(qv_thread_t *timer);
+    static void on_batch(int fd, short what, void *arg);
+    void handle_pending();
+    int read_values(const std::vector<Connection::Key> &keys, std::vector<StoredValue> *values,
+                    std::vector<bool> *ok);
     void update(Kind &k, const std::string &key, const StoredValue &v, bool deliver_add);
     void forget(Kind &k, const std::string &key);
     void deliver(Kind &k, int event, const std::string &key, const ProtobufCMessage *record,
@@ -99,6 +114,8 @@ private:
     bool subscribed_once_ = false;
     bool feed_lost_ = false;
     qv_thread_t *rescan_timer_ = nullptr;
+    std::vector<Pending> pending_; // key events in the order they came, not yet handled
+    event *batch_ev_ = nullptr;    // activated when pending_ stops being empty
 };
 
 } // namespace qv::mom

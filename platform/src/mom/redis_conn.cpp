@@ -1,5 +1,6 @@
 // One thread's synchronous Redis connection. Every call is one round trip (a SELECT rides along
-// only when the database changes); a broken connection is re-made once per call.
+// only when the database changes), a batch one per kBatch writes or keys read; a broken
+// connection is re-made once per call.
 #include <hiredis/hiredis.h>
 #include <poll.h>
 
@@ -7,6 +8,7 @@
 #include <cstring>
 #include <string_view>
 #include <algorithm>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -98,17 +100,25 @@ public:
         Reply r[2];
         int rc = run(db, cmds, 2, r);
         if (rc != QV_MOM_OK) return rc;
-        const redisReply *plain = r[0].get();
-        const redisReply *hash = r[1].get();
-        *out = StoredValue{};
-        if (hash->type == REDIS_REPLY_ARRAY && hash->elements > 0) { // the later answer wins
-            out->kind = StoredValue::Kind::Hash;
-            take_fields(hash, &out->hash);
-        } else if (plain->type == REDIS_REPLY_STRING) {
-            out->kind = StoredValue::Kind::Plain;
-            out->plain.assign(plain->str, plain->len);
-        } else if (plain->type != REDIS_REPLY_NIL && hash->type != REDIS_REPLY_ARRAY) {
-            return server_error("GET/HGETALL", db, key, is_error(plain) ? plain : hash);
+        if (take_value(r[0].get(), r[1].get(), out) != Taken::Value)
+            return server_error("GET/HGETALL", db, key, is_error(r[0].get()) ? r[0].get() : r[1].get());
+        return QV_MOM_OK;
+    }
+
+    // In pipelines of at most kBatch keys, one round trip each: GET for a key expected to be
+    // plain, HVALS for one expected to be a hash (the values are the record, the names would
+    // double the reply), both for the others and, in one more round trip, for those that held
+    // another type than expected.
+    int read_batch(const std::vector<Key> &keys, std::vector<StoredValue> *out) override
+    {
+        out->assign(keys.size(), StoredValue{});
+        std::vector<size_t> which, mistyped;
+        for (size_t start = 0; start < keys.size(); start += kBatch) {
+            which.clear();
+            for (size_t i = start; i < keys.size() && i < start + kBatch; ++i) which.push_back(i);
+            int rc = read_pipeline(keys, which, true, out, &mistyped);
+            if (rc == QV_MOM_OK && !mistyped.empty()) rc = read_pipeline(keys, mistyped, false, out, &which);
+            if (rc != QV_MOM_OK) return rc;
         }
         return QV_MOM_OK;
     }
@@ -186,10 +196,43 @@ public:
         return QV_MOM_OK;
     }
 
+    // One walk of the whole database for several kinds (a MATCH scan walks it all anyway, once
+    // per kind), the keys sorted here; one kind alone is scanned with its MATCH pattern.
+    int scan_kinds(int db, const std::vector<std::string> &names, std::vector<std::vector<std::string>> *keys) override
+    {
+        keys->assign(names.size(), {});
+        if (names.size() == 1) {
+            return scan(db, names.front(), [keys](const std::string &key) {
+                keys->front().push_back(key);
+                return 0;
+            });
+        }
+        std::unordered_map<std::string_view, size_t> index;
+        for (size_t i = 0; i < names.size(); ++i) index.emplace(names[i], i);
+        std::string cursor = "0";
+        do {
+            const Cmd cmd{"SCAN", cursor, "COUNT", "1000"};
+            Reply r[1];
+            int rc = run(db, &cmd, 1, r);
+            if (rc != QV_MOM_OK) return rc;
+            const redisReply *page = r[0].get();
+            if (page->type != REDIS_REPLY_ARRAY || page->elements != 2 ||
+                page->element[0]->type != REDIS_REPLY_STRING || page->element[1]->type != REDIS_REPLY_ARRAY)
+                return server_error("SCAN", db, "*", page);
+            cursor = text(page->element[0]);
+            const redisReply *found = page->element[1];
+            for (size_t i = 0; i < found->elements; ++i) {
+                const std::string_view key(found->element[i]->str, found->element[i]->len);
+                auto it = index.find(key.substr(0, key.find('|')));
+                if (it != index.end()) (*keys)[it->second].emplace_back(key);
+            }
+        } while (cursor != "0");
+        return QV_MOM_OK;
+    }
+
     // In pipelines of at most kBatch commands: one round trip each, and a bounded reply backlog.
     int write_batch(const std::vector<Write> &writes, size_t *failed) override
     {
-        constexpr size_t kBatch = 1024;
         for (size_t start = 0; start < writes.size(); start += kBatch) {
             const int rc = pipeline(writes, start, std::min(writes.size(), start + kBatch), failed);
             if (rc != QV_MOM_OK) return rc;
@@ -198,6 +241,75 @@ public:
     }
 
 private:
+    static constexpr size_t kBatch = 1024;
+
+    // Sends the reads of keys[i] for each i of `which`, with a SELECT wherever the database
+    // changes, then takes the replies one key at a time, each freed before the next is read (a
+    // batch of hashes is tens of thousands of reply objects). With `hinted`, a key of a known
+    // type is asked for that type alone, and goes to *mistyped when it holds another. Reads are
+    // idempotent: a connection lost midway is re-made and the whole pipeline sent once more.
+    // Every reply is taken even after a refusal, so that the connection stays in step.
+    int read_pipeline(const std::vector<Key> &keys, const std::vector<size_t> &which, bool hinted,
+                      std::vector<StoredValue> *out, std::vector<size_t> *mistyped)
+    {
+        using K = StoredValue::Kind;
+        auto asks_get = [hinted](const Key &k) { return !hinted || k.hint != K::Hash; };
+        auto asks_hvals = [hinted](const Key &k) { return !hinted || k.hint != K::Plain; };
+        for (int attempt = 0;; ++attempt) {
+            if (ctx_ == nullptr && !open()) return QV_MOM_E_CONN;
+            int selected = db_;
+            for (size_t i : which) {
+                const Key &k = keys[i];
+                if (k.db != selected) {
+                    append_select(k.db);
+                    selected = k.db;
+                }
+                const char *argv[] = {"GET", k.key.data()};
+                size_t len[] = {3, k.key.size()};
+                if (asks_get(k)) redisAppendCommandArgv(ctx_, 2, argv, len);
+                argv[0] = "HVALS";
+                len[0] = 5;
+                if (asks_hvals(k)) redisAppendCommandArgv(ctx_, 2, argv, len);
+            }
+            mistyped->clear();
+            int rc = QV_MOM_OK;
+            bool broken = false;
+            selected = db_;
+            for (size_t i : which) {
+                const Key &k = keys[i];
+                Reply r[3]; // SELECT (when the database changes here), GET, HVALS
+                const bool asked[3] = {k.db != selected, asks_get(k), asks_hvals(k)};
+                for (int j = 0; j < 3 && !broken; ++j) {
+                    if (!asked[j]) continue;
+                    void *reply = nullptr;
+                    broken = redisGetReply(ctx_, &reply) != REDIS_OK || reply == nullptr;
+                    r[j].reset(static_cast<redisReply *>(reply));
+                }
+                if (broken) break;
+                if (r[0] && is_error(r[0].get()) && rc == QV_MOM_OK) {
+                    QV_MOM_LOG(QV_ZLOG_LEVEL_ERROR, "SELECT %d failed on %s: %s (the server needs 32 databases)", k.db,
+                               shared_->ep.url.c_str(), r[0]->str);
+                    rc = QV_MOM_E_SERVER;
+                }
+                selected = k.db;
+                const Taken t = take_value(r[1].get(), r[2].get(), &(*out)[i], false);
+                if (t == Taken::Mistyped)
+                    mistyped->push_back(i);
+                else if (t == Taken::Refused && rc == QV_MOM_OK)
+                    rc = server_error("GET/HVALS", k.db, std::string(k.key), is_error(r[1].get()) ? r[1].get() : r[2].get());
+            }
+            if (broken) {
+                std::string why = ctx_->errstr;
+                drop();
+                if (attempt == 0) continue;
+                report_down("lost the connection to", why);
+                return QV_MOM_E_CONN;
+            }
+            db_ = rc == QV_MOM_OK ? selected : -1; // after a refused SELECT the database is not known
+            return rc;
+        }
+    }
+
     // Sends writes [begin, end) with a SELECT wherever the database changes, then reads every
     // reply. SET and HSET are idempotent, so a connection lost midway is re-made and the whole
     // pipeline sent once more.
@@ -367,6 +479,37 @@ private:
         QV_MOM_LOG(QV_ZLOG_LEVEL_ERROR, "%s of \"%s\" in database %d on %s: %s", cmd, key.c_str(),
                    db, shared_->ep.url.c_str(), why.c_str());
         return QV_MOM_E_SERVER;
+    }
+
+    enum class Taken { Value, Mistyped, Refused };
+    // The value of a key from the replies of its GET and HGETALL (HVALS when !names), or of one
+    // of them (the other null). With both, whichever type the key holds answers, the other fails
+    // with WRONGTYPE, and both are empty when it is absent: Refused when neither answers (the
+    // key holds another type, or the server refused both). With one, a refusal may be that the
+    // key holds the other type: Mistyped.
+    static Taken take_value(const redisReply *plain, const redisReply *hash, StoredValue *out, bool names = true)
+    {
+        *out = StoredValue{};
+        if (hash != nullptr && hash->type == REDIS_REPLY_ARRAY && hash->elements > 0) { // the later answer wins
+            out->kind = StoredValue::Kind::Hash;
+            if (names) {
+                take_fields(hash, &out->hash);
+            } else {
+                out->hash.reserve(hash->elements);
+                for (size_t i = 0; i < hash->elements; ++i) out->hash.emplace_back(std::string(), text(hash->element[i]));
+            }
+            return Taken::Value;
+        }
+        if (plain != nullptr && plain->type == REDIS_REPLY_STRING) {
+            out->kind = StoredValue::Kind::Plain;
+            out->plain.assign(plain->str, plain->len);
+            return Taken::Value;
+        }
+        const bool plain_absent = plain == nullptr || plain->type == REDIS_REPLY_NIL;
+        const bool hash_absent = hash == nullptr || hash->type == REDIS_REPLY_ARRAY;
+        if (plain_absent && hash_absent) return Taken::Value; // absent
+        if (plain == nullptr || hash == nullptr) return Taken::Mistyped;
+        return plain->type != REDIS_REPLY_NIL && hash->type != REDIS_REPLY_ARRAY ? Taken::Refused : Taken::Value;
     }
 
     static void take_fields(const redisReply *r, HashFields *out)

@@ -40,6 +40,9 @@ bool parse_channel(const char *p, size_t n, int *db, std::string *key)
     return true;
 }
 
+// How often a server that is still loading its data is asked again whether it is done.
+constexpr int kLoadingPollMs = 10;
+
 // Key events of plain and hash records need K (keyspace channel) with g, $ and h, or A.
 bool flags_enough(const std::string &flags)
 {
@@ -61,7 +64,11 @@ public:
     {
         if (base == nullptr || listener == nullptr || base_ != nullptr) return QV_MOM_E_INVAL;
         retry_ = evtimer_new(base, &RedisSubscriber::on_retry, this);
-        if (retry_ == nullptr) return QV_MOM_E_NOMEM;
+        ping_ = evtimer_new(base, &RedisSubscriber::on_ping_timer, this);
+        if (retry_ == nullptr || ping_ == nullptr) {
+            stop();
+            return QV_MOM_E_NOMEM;
+        }
         base_ = base;
         listener_ = listener;
         open();
@@ -71,8 +78,8 @@ public:
     void watch(int db, const std::string &name) override
     {
         if (!watched_.emplace(db, name).second) return;
-        if (ac_ == nullptr) return; // subscribed with the others on the next connect
-        reported_ = false;          // on_subscribed() again once this kind is in the feed
+        if (ac_ == nullptr || !ready_) return; // subscribed with the others once the server is ready
+        reported_ = false; // on_subscribed() again once this kind is in the feed
         psubscribe(db, name);
     }
 
@@ -80,6 +87,8 @@ public:
     {
         if (retry_ != nullptr) event_free(retry_);
         retry_ = nullptr;
+        if (ping_ != nullptr) event_free(ping_);
+        ping_ = nullptr;
         if (ac_ != nullptr) {
             // No callback may reach this object once it is gone; pending replies are dropped.
             ac_->data = nullptr;
@@ -114,8 +123,21 @@ private:
         ac_ = ac;
         answered_ = false;
         reported_ = false;
+        ready_ = false;
         pending_.clear();
-        // Its answer comes before any subscription's: it also tells that the server is there.
+        evtimer_del(ping_);
+        ping();
+    }
+
+    // A server started with its data answers LOADING until it has read it all, and makes no key
+    // events until then: the feed subscribes once it answers, so that the scans after the report
+    // can read.
+    void ping() { redisAsyncCommand(ac_, &RedisSubscriber::on_ping, this, "PING"); }
+
+    void subscribe()
+    {
+        ready_ = true;
+        // Its answer comes before any subscription's.
         redisAsyncCommand(ac_, &RedisSubscriber::on_config, this,
                           "CONFIG GET notify-keyspace-events");
         for (const auto &w : watched_)
@@ -155,6 +177,7 @@ private:
 
     void lost(const std::string &why)
     {
+        ready_ = false;
         answered_ = false;
         reported_ = false;
         pending_.clear();
@@ -188,6 +211,30 @@ private:
                    "only if it includes KA or K$hg",
                    shared_->ep.url.c_str(),
                    r->type == REDIS_REPLY_ERROR ? r->str : "unexpected reply");
+    }
+
+    static void on_ping(redisAsyncContext *, void *reply, void *priv)
+    {
+        if (reply == nullptr) return; // the connection is going away
+        auto *self = static_cast<RedisSubscriber *>(priv);
+        const auto *r = static_cast<redisReply *>(reply);
+        if (self->ready_) return; // a second ping of a connection that was waiting
+        if (r->type == REDIS_REPLY_ERROR && std::string_view(r->str, r->len).rfind("LOADING", 0) == 0) {
+            unsigned held = 0;
+            if (self->log_.allow(&held))
+                QV_MOM_LOG(QV_ZLOG_LEVEL_NOTICE, "the server at %s is loading its data; the key event feed waits for it%s",
+                           self->shared_->ep.url.c_str(), held_back(held).c_str());
+            timeval tv{0, kLoadingPollMs * 1000};
+            evtimer_add(self->ping_, &tv);
+            return;
+        }
+        self->subscribe(); // any other answer: the server is there (CONFIG GET reports a refusal)
+    }
+
+    static void on_ping_timer(evutil_socket_t, short, void *arg)
+    {
+        auto *self = static_cast<RedisSubscriber *>(arg);
+        if (self->ac_ != nullptr && !self->ready_) self->ping();
     }
 
     static void on_config(redisAsyncContext *, void *reply, void *priv)
@@ -247,10 +294,12 @@ private:
     event_base *base_ = nullptr;
     SubscriberListener *listener_ = nullptr;
     event *retry_ = nullptr;
+    event *ping_ = nullptr; // asks a loading server again
     redisAsyncContext *ac_ = nullptr;
     std::set<std::pair<int, std::string>> watched_;
     std::set<std::string> pending_; // patterns sent on this connection and not yet confirmed
-    bool answered_ = false;         // the server has answered on this connection
+    bool ready_ = false;            // the server has answered PING: subscriptions are sent
+    bool answered_ = false;         // the server has answered CONFIG GET on this connection
     bool reported_ = false;         // on_subscribed() told for the current watch set
     int backoff_ms_;
     std::string bad_flags_; // the insufficient setting last reported
