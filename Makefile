@@ -3,10 +3,11 @@
 #            list, tool), the same suites under address and undefined sanitizers and under
 #            the thread sanitizer, and a short run of every fuzz target.
 # make test-armhf: cross-build for 32-bit ARM and run every suite under qemu-arm.
+# make test-long: build, then the long runs alone (ctest label "long"; the presets leave them out).
 PRESET ?= default
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps configure build demo test test-asan test-tsan test-armhf fuzz bench clean
+.PHONY: all deps configure build demo test test-asan test-tsan test-armhf test-long fuzz bench clean
 
 all: build
 
@@ -24,6 +25,10 @@ demo: build
 
 test: build fuzz test-asan test-tsan
 	ctest --preset $(PRESET) -j2
+
+# The long end-to-end runs: 100 server restarts and 60 s of churn at 10,000 changes/s.
+test-long: build
+	ctest --preset long
 
 # Every suite under address and undefined sanitizers, then under the thread sanitizer.
 test-asan: deps

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # pmx on a private Redis server: what one process loads, other processes read (the library's
 # start-up and reads included), each record lands in the database and form the library reads,
-# and a record printed by get --json loads back as the same record.
+# a record printed by get --json loads back as the same record, and a follower process keeps its
+# caches current and serves them to another.
 # Usage: pmx_tool_redis.sh <source dir> <pmx command...>   (an emulator's words may precede pmx)
 set -euo pipefail
 
@@ -52,4 +53,24 @@ for args in "p_dev.dm_card_stattr_t 12" "p_dev.dp_lib_my_info"; do
   reloaded=$("${pmx[@]}" get --db embedded --load "$dir/record.json" --compact $args)
   [[ $stored == "$reloaded" ]] || fail "$args changed through JSON: '$stored' became '$reloaded'"
 done
-echo "pmx on $url: load, get, whoami and JSON round trip passed"
+# A follower loads what is there, reports each notify type once, follows a delete, and answers
+# another process's dump through its debug shell.
+"${pmx[@]}" follow --db "$url" --json >"$dir/follow.jsonl" 2>"$dir/follow.err" &
+follower=$!
+served() { [[ $("${pmx[@]}" dump --module libpmx_pmx ifx 2>/dev/null | tail -n 1) == "total: $1 interfaces" ]]; }
+for _ in $(seq 300); do served 35 && break; sleep 0.1; done
+served 35 || { cat "$dir/follow.err" >&2; fail "the follower did not load the 35 interfaces"; }
+redis-cli -s "$dir/redis.sock" -n 26 del "u_intf.pmx_ifx_tbl|301" >/dev/null
+for _ in $(seq 300); do served 34 && break; sleep 0.1; done
+served 34 || fail "the follower did not follow the delete of interface 301"
+notify=$("${pmx[@]}" dump --module libpmx_pmx notify)
+[[ $notify == *"LIBPMX_NOTIFY_LMODID_EVENT     has ready"* && $notify == *"LIBPMX_NOTIFY_MYCHSS_EVENT     has ready"* ]] ||
+  fail "the follower's notify types: '$notify'"
+kill -INT "$follower"
+wait "$follower" || fail "the follower exited with $?"
+grep -q '"op":"del","record":"u_intf.pmx_ifx_tbl","key":"UIntf__IfxIndex-{ifx:301}"' "$dir/follow.jsonl" ||
+  fail "the follower did not print the delete"
+for t in 1 2 3 4 5 6 7; do
+  [[ $(grep -c "\"notify\":$t," "$dir/follow.jsonl") == 1 ]] || fail "notify type $t printed other than once"
+done
+echo "pmx on $url: load, get, whoami, JSON round trip and a follower passed"

@@ -212,3 +212,14 @@ pmx_tool_test(gen_backplane_front EXPECT_FAIL ARGS "gen|${pmx_gen_data}/backplan
   STDERR_REGEX "card_types\\[0\\].backplane.ports\\[0\\].ports: unit 0 chip port 8 is a front-panel port of the card\n$")
 pmx_tool_test(gen_ifx_collision EXPECT_FAIL ARGS "gen|${pmx_gen_data}/ifx_collision.topo.json|-o|gen_bad.json"
   STDERR_REGEX "^pmx: [^\n]*/ifx_collision.topo.json: sub_interfaces\\[0\\].ifx: ifx collision: ifx 3 of sub-route 1/2/0/1 evlan 100 is already taken by port 1/2/0/3\n$")
+
+# pmx churn: the changes depend on the seed alone, not on the rate; every change is journaled.
+add_test(NAME pmx_tool_churn_seeded
+  COMMAND ${CMAKE_COMMAND} -DTOOL=sh
+          "-DARGS=-c|t=${pmx_chassis_dir}/small.topo.json && \"$@\" churn $t --db embedded --changes 400 --rate 100000 --seed 3 --journal churn_a.jsonl >/dev/null && \"$@\" churn $t --db embedded --changes 400 --rate 20000 --seed 3 --journal churn_b.jsonl && \"$@\" churn $t --db embedded --changes 400 --rate 100000 --seed 4 --journal churn_c.jsonl >/dev/null && cut -d, -f2- churn_a.jsonl >churn_a && cut -d, -f2- churn_b.jsonl >churn_b && cut -d, -f2- churn_c.jsonl >churn_c && cmp churn_a churn_b && ! cmp -s churn_a churn_c && test $(grep -c '\"op\":\"del\"' churn_a) -gt 40 && test $(wc -l <churn_a) = 400|sh|${pmx_emulator}$<TARGET_FILE:pmx_tool>"
+          "-DSTDOUT_REGEX=^wrote 123 records of the chassis into embedded\nchurning 25 interfaces, 4 module tables and 6 sub-interfaces \\(8 more come and go\\) at 20000 changes/s, seed 3\n400 changes in [0-9.]+ s: [0-9]+ changes/s \\(asked 20000/s\\); [0-9]+ interface, [0-9]+ module-table and [0-9]+ sub-interface changes\n$"
+          -P ${CMAKE_CURRENT_SOURCE_DIR}/run_pmx_tool.cmake)
+set_tests_properties(pmx_tool_churn_seeded PROPERTIES
+  ENVIRONMENT "PMX_DB=;PMX_CAP_FILE=;PMX_RUN_DIR=${CMAKE_CURRENT_BINARY_DIR}/pmx_tool_run_churn")
+pmx_db_test(churn_bad_rate EXPECT_FAIL ARGS "churn|${pmx_chassis_dir}/small.topo.json|--rate|0/s"
+  STDERR_REGEX "^pmx: --rate 0/s: give the changes per second, a number above 0")

@@ -4,7 +4,9 @@
 #define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_mom"
 #include "libpmx_log.h"
 
+#include <mutex>
 #include <optional>
+#include <vector>
 
 #include "libpmx_errno.h"
 #include "libpmx_intf.h"
@@ -30,10 +32,29 @@ bool is(const ProtobufCMessage *m, const ProtobufCMessageDescriptor &d)
     return m->descriptor == &d;
 }
 
-bool is_mine(int32_t dev, int32_t slot, int32_t sslot)
+// This card's gslot, or -1 while its identity is unknown.
+int32_t my_gslot()
 {
     const int32_t node = libpmx_get_my_node(0);
-    return node > 0 && libpmx_get_gslot_by_node(node) == libpmx_get_gslot_by_dev_slot_sslot(dev, slot, sslot);
+    return node > 0 ? libpmx_get_gslot_by_node(node) : -1;
+}
+
+// Split members that may be this card's, met before its identity: their unit-port entries wait
+// for it (records come in any order, the identity not always first).
+struct LocalSplitMember {
+    int32_t gslot;
+    uint32_t lphyid, unit, port;
+};
+std::mutex g_unplaced_mutex;
+std::vector<LocalSplitMember> g_unplaced;
+
+void keep_unplaced(const LocalSplitMember &m, bool add)
+{
+    std::lock_guard<std::mutex> lock(g_unplaced_mutex);
+    std::erase_if(g_unplaced, [&m](const LocalSplitMember &o) {
+        return o.gslot == m.gslot && o.unit == m.unit && o.port == m.port;
+    });
+    if (add) g_unplaced.push_back(m);
 }
 
 // A physical port that belongs to a split port (count above 1: the members of its panel port)
@@ -48,7 +69,10 @@ int apply_phy_tbl(const UIntf__PmxPhyTbl *r, bool add)
     rc |= libpmx_update_gslot_unit_port_lport(static_cast<uint32_t>(gslot), static_cast<uint32_t>(r->unit),
                                               static_cast<uint32_t>(r->port), static_cast<uint32_t>(r->lport),
                                               static_cast<uint8_t>(is_add));
-    if (is_mine(r->dev, r->slot, r->sslot))
+    const int32_t mine = my_gslot();
+    if (mine < 0)
+        keep_unplaced({gslot, r->lphyid, static_cast<uint32_t>(r->unit), static_cast<uint32_t>(r->port)}, add);
+    else if (mine == gslot)
         rc |= libpmx_update_unit_port_lphyid(r->lphyid, static_cast<uint32_t>(r->unit), static_cast<uint32_t>(r->port),
                                              is_add);
     return rc;
@@ -127,6 +151,21 @@ std::optional<int> apply_pmx_tables(const ProtobufCMessage *m, bool add)
     return std::nullopt;
 }
 
+// Once the identity is known, the split members kept for it that are this card's take their
+// unit-port entries; the others were another card's.
+void place_local_split_members()
+{
+    const int32_t mine = my_gslot();
+    if (mine < 0) return;
+    std::vector<LocalSplitMember> members;
+    {
+        std::lock_guard<std::mutex> lock(g_unplaced_mutex);
+        members.swap(g_unplaced);
+    }
+    for (const LocalSplitMember &m : members)
+        if (m.gslot == mine) libpmx_update_unit_port_lphyid(m.lphyid, m.unit, m.port, 1);
+}
+
 std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
 {
     if (is(m, p_dev__dp_lib_my_info__descriptor)) {
@@ -136,6 +175,7 @@ std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
         const int32_t info[5] = {static_cast<int32_t>(r->dm_my_node_type), r->slotid, r->card_type, r->card_nodeid,
                                  r->sslotid};
         libpmx_cache_set_my_info(info);
+        place_local_split_members();
         return LIBPMX_OK;
     }
     if (is(m, p_dev__dp_lib_my_chss__descriptor)) {

@@ -81,11 +81,44 @@ void post_sub_route(void *context, int event, const ProtobufCMessage *record)
 
 // ---- the callbacks, in the order of the in-keys ----
 
+namespace
+{
+
+// This card's module ids are known: type 5, then the types that waited for them.
+void own_module_ids_known(void *context)
+{
+    pmx::notify_set_ready(LIBPMX_NOTIFY_LMODID_EVENT);
+    libpmx_notify_handle(context, LIBPMX_NOTIFY_LMODID_EVENT, 0, nullptr);
+    if (pmx::notify_is_ready(LIBPMX_NOTIFY_LC_EVENT)) libpmx_notify_handle(context, LIBPMX_NOTIFY_LC_EVENT, 0, nullptr);
+    if (pmx::notify_is_ready(LIBPMX_NOTIFY_GLOBAL_EVENT))
+        libpmx_notify_handle(context, LIBPMX_NOTIFY_GLOBAL_EVENT, 0, nullptr);
+}
+
+// Records come in any order: when this card's module table was stored before its identity said
+// which slot is this card's, the identity's arrival makes its module ids known.
+void recheck_own_module_ids(void *context)
+{
+    if (pmx::notify_is_ready(LIBPMX_NOTIFY_LMODID_EVENT)) return;
+    const int32_t dev = libpmx_get_my_dev_id(0), slot = libpmx_get_my_slot(0);
+    if (dev <= 0 || slot <= 0) return;
+    ce_pmx_fuid_info_per_slot_t tbl{};
+    if (libpmx_get_fuid_info_by_gslot(libpmx_get_gslot_by_dev_slot_sslot(dev, slot, libpmx_get_my_sslot(0)), &tbl) !=
+            LIBPMX_OK ||
+        tbl.status != LIBPMX_MOD_TBL_ALLOC)
+        return;
+    PMX_INFO("module table of dev %d slot %d came before the identity: module ids known now", dev, slot);
+    own_module_ids_known(context);
+}
+
+} // namespace
+
 extern "C" void libpmx_mom_my_info_cb(void *context, int event, const ProtobufCMessage *key,
                                       const ProtobufCMessage *record)
 {
     apply(context, event, key, record);
-    if (event == QV_MOM_EVENT_ADD) raise_and_dispatch(context, LIBPMX_NOTIFY_MYINFO_EVENT);
+    if (event != QV_MOM_EVENT_ADD) return;
+    raise_and_dispatch(context, LIBPMX_NOTIFY_MYINFO_EVENT);
+    recheck_own_module_ids(context);
 }
 
 extern "C" void libpmx_mom_local_port_info_cb(void *context, int event, const ProtobufCMessage *key,
@@ -212,14 +245,7 @@ extern "C" void libpmx_mom_mod_tbl_cb(void *context, int event, const ProtobufCM
     const int32_t gslot = libpmx_get_gslot_by_dev_slot_sslot(info.dev, info.slot, info.sslot);
     if (libpmx_get_fuid_info_by_gslot(gslot, &info.tbl) != LIBPMX_OK) info.tbl.gslot = static_cast<uint32_t>(gslot);
     if (event == QV_MOM_EVENT_DEL) info.tbl.status = LIBPMX_MOD_TBL_NONE;
-    if (info.dev == libpmx_get_my_dev_id(1) && info.slot == libpmx_get_my_slot(1)) {
-        pmx::notify_set_ready(LIBPMX_NOTIFY_LMODID_EVENT);
-        libpmx_notify_handle(context, LIBPMX_NOTIFY_LMODID_EVENT, 0, nullptr);
-        if (pmx::notify_is_ready(LIBPMX_NOTIFY_LC_EVENT))
-            libpmx_notify_handle(context, LIBPMX_NOTIFY_LC_EVENT, 0, nullptr);
-        if (pmx::notify_is_ready(LIBPMX_NOTIFY_GLOBAL_EVENT))
-            libpmx_notify_handle(context, LIBPMX_NOTIFY_GLOBAL_EVENT, 0, nullptr);
-    }
+    if (info.dev == libpmx_get_my_dev_id(1) && info.slot == libpmx_get_my_slot(1)) own_module_ids_known(context);
     libpmx_notify_handle(context, LIBPMX_NOTIFY_CHIPSLOT_EVENT, info.tbl.status == LIBPMX_MOD_TBL_ALLOC ? 0 : 1,
                          &info.tbl);
 }
@@ -234,7 +260,9 @@ extern "C" void libpmx_mom_my_chss_cb(void *context, int event, const ProtobufCM
                                       const ProtobufCMessage *record)
 {
     apply(context, event, key, record);
-    if (event == QV_MOM_EVENT_ADD) raise_and_dispatch(context, LIBPMX_NOTIFY_MYCHSS_EVENT);
+    if (event != QV_MOM_EVENT_ADD) return;
+    raise_and_dispatch(context, LIBPMX_NOTIFY_MYCHSS_EVENT);
+    recheck_own_module_ids(context);
 }
 
 extern "C" void libpmx_all_ds_event_cb(void *context, int ds, int event, void *arg)

@@ -55,6 +55,8 @@ const Table kTables[] = {
     {"split-port", "dump_split_port", "split ports: gslot unit port <-> panel port"},
     {"cap", "dump_cap", "capability values in use", false},
     {"block", "dump_block_info", "the last long database waits", false},
+    {"notify", "dump_notify", "which notify types are ready, and the hooks waiting", false},
+    {"events", "dump_events", "registrations of the timed event delivery", false},
 };
 
 const Table *find_table(const std::string &name)

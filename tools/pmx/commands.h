@@ -24,8 +24,10 @@ struct Command {
     std::function<int()> run; // runs it; returns the exit status
 };
 
+Command add_churn_command(CLI::App &app);
 Command add_decode_command(CLI::App &app);
 Command add_dump_command(CLI::App &app);
+Command add_follow_command(CLI::App &app);
 Command add_gen_command(CLI::App &app);
 Command add_get_command(CLI::App &app);
 Command add_load_command(CLI::App &app);

@@ -90,6 +90,12 @@ int DbSession::write(const Record &record)
     return qv_mom_set_sync(context, record.db, &key, record.value.get());
 }
 
+int DbSession::erase(const Record &record)
+{
+    qv_mom_key_t key{record.key, record.kind()};
+    return qv_mom_del_sync(qv_mom_get_thread_local_global(), record.db, &key);
+}
+
 int DbSession::write_batch(const std::vector<Record> &records, size_t begin, size_t end, size_t *failed)
 {
     std::vector<qv_mom_key_t> keys;

@@ -50,6 +50,8 @@ class DbSession
     long load(const std::string &path);
     // Writes one record; 0 or the client's code.
     int write(const Record &record);
+    // Deletes the record's key (0 also when it was absent); 0 or the client's code.
+    int erase(const Record &record);
     // Writes records [begin, end) in one batch (a pipeline on Redis); 0, or the client's code
     // with *failed the index of the record that failed.
     int write_batch(const std::vector<Record> &records, size_t begin, size_t end, size_t *failed);

@@ -24,6 +24,8 @@ int main(int argc, char **argv)
     commands.push_back(pmx_tool::add_whoami_command(app));
     commands.push_back(pmx_tool::add_shell_command(app));
     commands.push_back(pmx_tool::add_verify_command(app));
+    commands.push_back(pmx_tool::add_follow_command(app));
+    commands.push_back(pmx_tool::add_churn_command(app));
 
     try {
         app.parse(argc, argv);

@@ -85,6 +85,10 @@ public:
         }
         return 0;
     }
+    // Where a replica stands with its primary ("link up, replication id ..."), for telling when
+    // it loaded a new copy of the data (that makes no key events); "" for a store that is no
+    // replica or cannot say.
+    virtual std::string replica_state() { return {}; }
     // Every key equal to `name` or starting with `name|`; fn's non-zero result stops the scan.
     virtual int scan(int db, const std::string &name, const std::function<int(const std::string &)> &fn) = 0;
     // The keys of several names at once, (*keys)[i] those of names[i]; a store that can walk its

@@ -148,6 +148,8 @@ void Follower::run(std::promise<std::string> *ready)
     }
     qv_thread_cancel(rescan_timer_);
     rescan_timer_ = nullptr;
+    qv_thread_cancel(replica_timer_);
+    replica_timer_ = nullptr;
     subscriber_->stop();
     subscriber_.reset();
     notifier.reset();
@@ -504,6 +506,32 @@ void Follower::on_subscribed()
     subscribed_once_ = true;
     feed_lost_ = false;
     rescan();
+    if (replica_timer_ == nullptr)
+        replica_timer_ = qv_thread_add_timer_timeval(master_, &Follower::on_replica_timer, this, 0, kReplicaPollUs);
+}
+
+// A replica that takes a whole new copy from its primary (when it first attaches, after its
+// primary restarted, after a long break) loads it without key events: each such load changes its
+// replication state, and every kind is scanned again then. The first state seen counts as a
+// change too (the load may have come between the first scans and the first look), and so does
+// the first after a lost feed or a link that was down.
+int Follower::on_replica_timer(qv_thread_t *timer)
+{
+    auto *self = static_cast<Follower *>(qv_thread_arg(timer));
+    self->replica_timer_ = qv_thread_add_timer_timeval(self->master_, &Follower::on_replica_timer, self, 0,
+                                                        kReplicaPollUs);
+    if (self->feed_lost_) return 0;
+    // A link that went down (or a sync under way) reads as "": whatever comes up after it is new.
+    const std::string state = self->conn()->replica_state();
+    if (state == self->replica_state_) return 0;
+    self->replica_state_ = state;
+    if (state.empty()) return 0;
+    QV_MOM_LOG(QV_ZLOG_LEVEL_NOTICE, "%s is a replica with a new copy of its primary's data (%s): resyncing",
+               self->url_.c_str(), state.c_str());
+    for (auto &kv : self->kinds_)
+        if (kv.second->watched) kv.second->needs_scan = true;
+    self->rescan();
+    return 0;
 }
 
 void Follower::on_lost(const std::string &why)
@@ -512,6 +540,7 @@ void Follower::on_lost(const std::string &why)
                url_.c_str(), why.c_str());
     handle_pending();
     feed_lost_ = true;
+    replica_state_.clear(); // a server that comes back may hold another copy
     for (auto &kv : kinds_)
         if (kv.second->watched) kv.second->needs_scan = true;
 }

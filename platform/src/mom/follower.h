@@ -85,6 +85,7 @@ private:
     void rescan();
     void schedule_rescan();
     static int on_rescan_timer(qv_thread_t *timer);
+    static int on_replica_timer(qv_thread_t *timer);
     static void on_batch(int fd, short what, void *arg);
     void handle_pending();
     int read_values(const std::vector<Connection::Key> &keys, std::vector<StoredValue> *values,
@@ -114,6 +115,10 @@ private:
     bool subscribed_once_ = false;
     bool feed_lost_ = false;
     qv_thread_t *rescan_timer_ = nullptr;
+    // How often the replication state of the store is looked at, and the last one seen.
+    static constexpr long kReplicaPollUs = 250000;
+    qv_thread_t *replica_timer_ = nullptr;
+    std::string replica_state_;
     std::vector<Pending> pending_; // key events in the order they came, not yet handled
     event *batch_ev_ = nullptr;    // activated when pending_ stops being empty
 };

@@ -58,6 +58,34 @@ public:
         return run(db, nullptr, 0, nullptr);
     }
 
+    // From INFO replication: the link and the replication id a replica follows, while no sync is
+    // under way; "" on a primary, during a sync, or when the server cannot be asked.
+    std::string replica_state() override
+    {
+        const Cmd cmd{"INFO", "replication"};
+        Reply r[1];
+        if (run(db_ < 0 ? 0 : db_, &cmd, 1, r) != QV_MOM_OK || r[0]->type != REDIS_REPLY_STRING) return {};
+        std::string role, link, replid, syncing;
+        std::string_view info(r[0]->str, r[0]->len);
+        while (!info.empty()) {
+            const size_t eol = info.find('\n');
+            std::string_view line = info.substr(0, eol);
+            if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+            const size_t colon = line.find(':');
+            if (colon != std::string_view::npos) {
+                const std::string_view name = line.substr(0, colon), value = line.substr(colon + 1);
+                if (name == "role") role = value;
+                else if (name == "master_link_status") link = value;
+                else if (name == "master_replid") replid = value;
+                else if (name == "master_sync_in_progress") syncing = value;
+            }
+            if (eol == std::string_view::npos) break;
+            info.remove_prefix(eol + 1);
+        }
+        if (role != "slave" || link != "up" || syncing == "1") return {};
+        return "link up, replication id " + replid;
+    }
+
     int exists(int db, const std::string &key) override
     {
         const Cmd cmd{"EXISTS", key};
