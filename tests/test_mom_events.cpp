@@ -455,3 +455,75 @@ TEST(EventDelivery, DatabaseChangesReachTheModuleOnTheEventThread)
     EXPECT_EQ(libpmx_get_sub_ap_info_by_phyid_detail(20u << 24 | 900, &cached, 0), 0);
     EXPECT_EQ(cached.evlan, 77u);
 }
+
+namespace
+{
+
+#define CHECK_OR_FAIL(cond)                                                                        \
+    do {                                                                                           \
+        if (!(cond)) {                                                                             \
+            std::fprintf(stderr, "check failed: %s\n", #cond);                                    \
+            return false;                                                                          \
+        }                                                                                          \
+    } while (0)
+
+// Before the identity: this card's module table, two sub-slots' port readiness (this card's and
+// another card's of the same sub-slot), the card type's attributes. The identity then says which
+// are this card's. Needs a process that has not met the identity.
+bool records_before_the_identity()
+{
+    void *ctx = context();
+    CHECK_OR_FAIL(libpmx_get_my_slot(0) <= 0);
+    ModTable mine(kDev, kSlot, 24);
+    libpmx_mom_mod_tbl_cb(ctx, QV_MOM_EVENT_ADD, mine.msg(), mine.msg());
+    CHECK_OR_FAIL(libpmx_notify_reg(LIBPMX_NOTIFY_LMODID_EVENT, hook<'z'>) == 0);
+    CHECK_OR_FAIL(seen().empty());
+
+    PDev__LocalCardInfoIndex own_idx = P_DEV__LOCAL_CARD_INFO_INDEX__INIT, other_idx = own_idx;
+    own_idx.slotid = kSlot;
+    own_idx.sslotid = 1;
+    other_idx.slotid = kSlot + 1;
+    other_idx.sslotid = 1;
+    PDev__LocalCardPortReady own = P_DEV__LOCAL_CARD_PORT_READY__INIT, other = own;
+    own.index = &own_idx;
+    own.local_port_ready = 1;
+    own.card_type = 3;
+    other.index = &other_idx;
+    other.card_type = 99;
+    libpmx_mom_local_card_port_ready_cb(ctx, QV_MOM_EVENT_ADD, &own.base, &own.base);
+    libpmx_mom_local_card_port_ready_cb(ctx, QV_MOM_EVENT_ADD, &other.base, &other.base);
+    CHECK_OR_FAIL(libpmx_check_sslot_ready(0, 0, 1) == 0);
+
+    PDev__DmCardStattrIndex type_idx = P_DEV__DM_CARD_STATTR_INDEX__INIT;
+    type_idx.type = 12;
+    PDev__DmCardStattrT attrs; // (the INIT macros of string fields do not build warning-free)
+    protobuf_c_message_init(&p_dev__dm_card_stattr_t__descriptor, &attrs);
+    attrs.index = &type_idx;
+    attrs.chip_num = 3;
+    libpmx_mom_card_stattr_cb(ctx, QV_MOM_EVENT_ADD, &type_idx.base, &attrs.base);
+    CHECK_OR_FAIL(libpmx_get_local_chip_num_ext() == -1);
+
+    PDev__DpLibMyInfo me = P_DEV__DP_LIB_MY_INFO__INIT;
+    me.dm_my_node_type = P_DEV__DM_NODE_TYPE_E__DM_TYPE_LC;
+    me.slotid = kSlot;
+    me.card_type = 12;
+    me.card_nodeid = 0x0C000000 | kDev << 18 | kSlot << 8;
+    PDev__DpLibMyChss chss = P_DEV__DP_LIB_MY_CHSS__INIT;
+    chss.devid = kDev;
+    libpmx_mom_my_chss_cb(ctx, QV_MOM_EVENT_ADD, &chss.base, &chss.base);
+    libpmx_mom_my_info_cb(ctx, QV_MOM_EVENT_ADD, &me.base, &me.base);
+    CHECK_OR_FAIL(seen() == std::vector<std::string>{"z5/0"});
+    libpmx_local_card_port_ready_t ready{};
+    CHECK_OR_FAIL(libpmx_port_card_port_ready_find(1, &ready) == 0);
+    CHECK_OR_FAIL(ready.card_type == 3 && ready.ready == 1);
+    CHECK_OR_FAIL(libpmx_get_local_chip_num_ext() == 3);
+    return true;
+}
+
+} // namespace
+
+TEST(NotifyHooks, RecordsThatComeBeforeTheIdentityCountOnceItArrives)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(std::exit(records_before_the_identity() ? 0 : 1), testing::ExitedWithCode(0), "");
+}

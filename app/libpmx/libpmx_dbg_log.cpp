@@ -1,5 +1,5 @@
 // Logging frame: the debug level, the log category and the write behind the gate.
-#define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_dbg_log"
+#define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_dbg"
 #include "libpmx_log.h"
 
 #include <cstring>

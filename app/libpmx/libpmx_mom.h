@@ -16,6 +16,7 @@
 #include "libpmx_export.h"
 #include "libpmx_hash.h"
 #include "libpmx_types.h"
+#include "p_dev.pb-c.h"
 #include "qv_mom.h"
 
 LIBPMX_BEGIN_DECLS
@@ -297,9 +298,9 @@ LIBPMX_API int libpmx_get_local_port_from_localport_info(int32_t *lport_num, int
  * type gives 0. */
 LIBPMX_API int libpmx_get_dplib_complete_status(int type, unsigned char *status);
 /* Unbounded waits, polling every 0.1 s (one read and one sleep a pass, the sleep taken also on
- * the pass that sees the flag): until the local port state says the line cards are complete or
- * the completeness record says so; until every card type's static attributes are published
- * (p_dev.dm_stattr_complete), which once seen is remembered. */
+ * the pass that sees the flag), both ended at once when the local port state says the line cards
+ * are complete: until the completeness record says so; until every card type's static attributes
+ * are published (p_dev.dm_stattr_complete). */
 LIBPMX_API void libpmx_block_for_ndm_complete(void);
 LIBPMX_API void libpmx_block_for_ndm_complete_stattr(void);
 /* Whether every card type's static attributes are published (database 1, hash); 0 unknown. */
@@ -311,6 +312,9 @@ LIBPMX_API void libpmx_get_dm_stattr_complete(unsigned char *complete);
  * chipid_card_mode (zeros when absent), intraband_chip_num the switch count, virtual_unit_num
  * the virtual chip count. 0, or -11 for a null argument. */
 LIBPMX_API int libpmx_dmcard_stattr_decode(const void *reply, void *out);
+/* The unit ports of a card type's static attributes into the global sub-port table (each chip
+ * port's panel port, on the card itself): 0, or -11 for a null record or index. */
+LIBPMX_API int libpmx_dmcard_stattr_parse_unit_port(const PDev__DmCardStattrT *r);
 /* Static attributes of a card type (database 1, plain), once the database reports them
  * complete (retrying every 0.1 s, bounded like a waiting read). */
 LIBPMX_API int libpmx_get_lc_card_stattr(int32_t card_type, libpmx_card_stattr_t *out);

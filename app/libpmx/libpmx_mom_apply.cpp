@@ -4,6 +4,7 @@
 #define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_mom"
 #include "libpmx_log.h"
 
+#include <map>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -98,25 +99,63 @@ int apply_sub_route(const UIntf__PmxSubRouteIntf *r, bool add)
                : libpmx_remove_cache_sub_route_info(&info, &old, &has_old);
 }
 
-int apply_card_stattr(const PDev__DmCardStattrT *r)
+} // namespace
+
+extern "C" int libpmx_dmcard_stattr_parse_unit_port(const PDev__DmCardStattrT *r)
 {
-    if (r->index == nullptr) return LIBPMX_E_INVAL;
+    if (r == nullptr || r->index == nullptr) {
+        PMX_ERROR("card static attributes are null or have no index");
+        return LIBPMX_E_FAIL;
+    }
     // Every card type's own chip ports: on the card itself, sub-slot 0.
+    int n = 0;
     for (size_t c = 0; c < r->n_chip_attr_array; ++c) {
         const PDev__DmChipAttrT *chip = r->chip_attr_array[c];
         for (size_t p = 0; chip != nullptr && p < chip->n_port_attr; ++p)
-            if (const PDev__DmPortAttrT *pa = chip->port_attr[p]; pa != nullptr)
+            if (const PDev__DmPortAttrT *pa = chip->port_attr[p]; pa != nullptr) {
                 libpmx_global_sport_set_card_port(r->index->type, pa->unit, pa->port, pa->lport);
+                ++n;
+            }
     }
-    // Only the local card type's attributes are cached.
-    if (r->index->type != libpmx_get_my_card_type(0)) return LIBPMX_OK;
+    PMX_DEBUG("card type %d: %d unit ports", r->index->type, n);
+    return LIBPMX_OK;
+}
+
+namespace
+{
+
+// Every card type's attributes as last delivered: the local card type's go to the attribute cache
+// when they come, or when the identity comes after them.
+std::mutex g_stattr_mutex;
+std::map<int32_t, libpmx_card_stattr_t> g_stattr_by_type;
+
+void cache_local_stattr(const libpmx_card_stattr_t &a)
+{
+    libpmx_cache_set_card_statt(a.max_lport_id, a.chip_num, a.max_port, a.alloc_mode, a.intraband_chip_num,
+                                a.virtual_unit_num);
+}
+
+int apply_card_stattr(const PDev__DmCardStattrT *r)
+{
+    if (r->index == nullptr) return LIBPMX_E_INVAL;
+    libpmx_dmcard_stattr_parse_unit_port(r);
     libpmx_card_stattr_t a{};
     const int rc = libpmx_dmcard_stattr_decode(r, &a);
-    if (rc == LIBPMX_OK)
-        libpmx_cache_set_card_statt(a.max_lport_id, a.chip_num, a.max_port, a.alloc_mode, a.intraband_chip_num,
-                                    a.virtual_unit_num);
-    return rc;
+    if (rc != LIBPMX_OK) return rc;
+    {
+        std::lock_guard<std::mutex> lock(g_stattr_mutex);
+        g_stattr_by_type[r->index->type] = a;
+    }
+    if (r->index->type == libpmx_get_my_card_type(0)) cache_local_stattr(a);
+    return LIBPMX_OK;
 }
+
+// Port readiness of local sub-slots met before the identity said which slot is this card's: the
+// cache is keyed by sub-slot alone, so they wait for it.
+struct UnplacedPortReady {
+    int32_t slot, sslot, ready, card_type;
+};
+std::vector<UnplacedPortReady> g_unplaced_ready; // guarded by g_unplaced_mutex
 
 // The owner's result, or nothing for a kind that is not one of these.
 std::optional<int> apply_pmx_tables(const ProtobufCMessage *m, bool add)
@@ -151,19 +190,32 @@ std::optional<int> apply_pmx_tables(const ProtobufCMessage *m, bool add)
     return std::nullopt;
 }
 
-// Once the identity is known, the split members kept for it that are this card's take their
-// unit-port entries; the others were another card's.
-void place_local_split_members()
+// Once the identity is known, what was kept for it takes its place: this card's split members
+// their unit-port entries, its sub-slots' port readiness, its card type's attributes. What was
+// another card's is dropped.
+void place_what_waited_for_the_identity()
 {
     const int32_t mine = my_gslot();
     if (mine < 0) return;
     std::vector<LocalSplitMember> members;
+    std::vector<UnplacedPortReady> ready;
     {
         std::lock_guard<std::mutex> lock(g_unplaced_mutex);
         members.swap(g_unplaced);
+        ready.swap(g_unplaced_ready);
     }
     for (const LocalSplitMember &m : members)
         if (m.gslot == mine) libpmx_update_unit_port_lphyid(m.lphyid, m.unit, m.port, 1);
+    const int32_t my_slot = libpmx_get_my_slot(0);
+    for (const UnplacedPortReady &r : ready)
+        if (r.slot == my_slot) libpmx_port_set_card_port_ready(r.sslot, r.ready, r.card_type, 1);
+    std::optional<libpmx_card_stattr_t> attrs;
+    {
+        std::lock_guard<std::mutex> lock(g_stattr_mutex);
+        if (auto it = g_stattr_by_type.find(libpmx_get_my_card_type(0)); it != g_stattr_by_type.end())
+            attrs = it->second;
+    }
+    if (attrs) cache_local_stattr(*attrs);
 }
 
 std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
@@ -175,7 +227,7 @@ std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
         const int32_t info[5] = {static_cast<int32_t>(r->dm_my_node_type), r->slotid, r->card_type, r->card_nodeid,
                                  r->sslotid};
         libpmx_cache_set_my_info(info);
-        place_local_split_members();
+        place_what_waited_for_the_identity();
         return LIBPMX_OK;
     }
     if (is(m, p_dev__dp_lib_my_chss__descriptor)) {
@@ -213,8 +265,17 @@ std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
         const auto *r = as<PDev__LocalCardPortReady>(m);
         if (r->index == nullptr) return LIBPMX_E_INVAL;
         // The cache holds this card's sub-slots (keyed by sub-slot alone): other cards' records
-        // are not its.
-        if (const int32_t my_slot = libpmx_get_my_slot(0); my_slot > 0 && r->index->slotid != my_slot) {
+        // are not its, and before the identity nobody can tell.
+        const int32_t my_slot = libpmx_get_my_slot(0);
+        if (my_slot <= 0) {
+            std::lock_guard<std::mutex> lock(g_unplaced_mutex);
+            std::erase_if(g_unplaced_ready, [r](const UnplacedPortReady &o) {
+                return o.slot == r->index->slotid && o.sslot == r->index->sslotid;
+            });
+            if (add) g_unplaced_ready.push_back({r->index->slotid, r->index->sslotid, r->local_port_ready, r->card_type});
+            return LIBPMX_OK;
+        }
+        if (r->index->slotid != my_slot) {
             PMX_DEBUG("port readiness of slot %d sslot %d is another card's", r->index->slotid, r->index->sslotid);
             return LIBPMX_OK;
         }

@@ -1,7 +1,7 @@
 // Typed record getters: one record kind each. Each fills its key message, reads through the
 // catalogue (which knows the database, the form and whether the read waits) and decodes what
 // its caller needs; none of them stores anything.
-#define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_mom_getters"
+#define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_mom"
 #include "libpmx_log.h"
 
 #include <algorithm>

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <new>
 #include <vector>
 
 #include "libpmx_dbg.h"
@@ -60,12 +61,17 @@ libpmx_notify_hook_node_t *node_of(libpmx_list_t *l)
                                                          offsetof(libpmx_notify_hook_node_t, list));
 }
 
-// The hooks of an entry in registration order: its own, then each further registration.
-std::vector<libpmx_notify_hook_fn> hooks_of(libpmx_notify_hook_t *e)
+// The hooks of an entry in registration order: its own, then each further registration. False
+// when there is no memory for the copy.
+bool hooks_of(libpmx_notify_hook_t *e, std::vector<libpmx_notify_hook_fn> *hooks)
 {
-    std::vector<libpmx_notify_hook_fn> hooks{e->hook};
-    for (libpmx_list_t *l = e->list.next; l != &e->list; l = l->next) hooks.push_back(node_of(l)->hook);
-    return hooks;
+    try {
+        hooks->assign(1, e->hook);
+        for (libpmx_list_t *l = e->list.next; l != &e->list; l = l->next) hooks->push_back(node_of(l)->hook);
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
 }
 
 int append_registration(libpmx_notify_hook_t *e, int type, libpmx_notify_hook_fn hook)
@@ -96,7 +102,7 @@ int chipslot_add_event(void *entry, void *)
     void *context = qv_mom_get_thread_local_global();
     if (context == nullptr) {
         PMX_LOG_AS("libpmx_notify_reg", LIBPMX_ZLOG_ERROR, "traverse chipslot get local glb fail!");
-        return LIBPMX_OK; // this slot fails (-11); the walk goes on
+        return LIBPMX_E_FAIL; // no slot can be told in this thread: the walk stops
     }
     libpmx_notify_handle(context, kChipSlot, 0, slot);
     PMX_LOG_AS("libpmx_notify_reg", LIBPMX_ZLOG_INFO, "notify chipslot add event gslot:%d", slot->gslot);
@@ -175,7 +181,10 @@ extern "C" void libpmx_notify_handle(void *context, int type, int event, void *a
             return;
         }
         PMX_INFO("notify type:%d event:%d done", type, event);
-        hooks = hooks_of(e);
+        if (!hooks_of(e, &hooks)) {
+            PMX_ERROR("no memory!");
+            return;
+        }
         // Types 1 to 7 run once: the entry goes before its hooks run, so a hook that registers
         // the same type again gets a fresh entry, dispatched at once.
         if (type != kChipSlot) libpmx_notify_hook_destroy(type);
@@ -235,7 +244,9 @@ int count_hooks(void *entry, void *arg)
 {
     auto *e = static_cast<libpmx_notify_hook_t *>(entry);
     auto *counts = static_cast<uint32_t *>(arg);
-    if (e->notify_type <= static_cast<uint32_t>(kChipSlot)) counts[e->notify_type] += static_cast<uint32_t>(hooks_of(e).size());
+    uint32_t n = 1;
+    for (libpmx_list_t *l = e->list.next; l != &e->list; l = l->next) ++n;
+    if (e->notify_type <= static_cast<uint32_t>(kChipSlot)) counts[e->notify_type] += n;
     return 0;
 }
 

@@ -5,8 +5,6 @@
 
 #include <unistd.h>
 
-#include <atomic>
-
 #include "libpmx_mom.h"
 #include "libpmx_port.h"
 
@@ -14,9 +12,6 @@ namespace
 {
 
 constexpr useconds_t kSleepUs = 100000;
-
-// Set once a wait saw every card type's attributes published: later waits return at once.
-std::atomic<bool> g_stattr_complete{false};
 
 } // namespace
 
@@ -44,7 +39,7 @@ extern "C" void libpmx_block_for_ndm_complete_stattr(void)
     int n = 0;
     unsigned char complete = 0;
     do {
-        if (g_stattr_complete.load(std::memory_order_acquire)) break;
+        if (libpmx_port_lc_is_complete()) break;
         ++n;
         complete = 0;
         libpmx_get_dm_stattr_complete(&complete);
@@ -52,6 +47,5 @@ extern "C" void libpmx_block_for_ndm_complete_stattr(void)
         usleep(kSleepUs);
         PMX_INFO("did  sleep %d", n);
     } while (complete == 0);
-    g_stattr_complete.store(true, std::memory_order_release);
     PMX_INFO("end   block for ndm-complete-stattr");
 }

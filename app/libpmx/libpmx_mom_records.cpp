@@ -1,6 +1,6 @@
 // The record catalogue and the one read of a catalogued kind that every typed getter goes
 // through.
-#define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_mom_records"
+#define LIBPMX_LOG_SOURCE "app/libpmx/libpmx_mom"
 #include "libpmx_log.h"
 
 #include "libpmx_records.h"

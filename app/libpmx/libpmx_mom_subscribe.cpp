@@ -245,7 +245,9 @@ extern "C" void libpmx_mom_mod_tbl_cb(void *context, int event, const ProtobufCM
     const int32_t gslot = libpmx_get_gslot_by_dev_slot_sslot(info.dev, info.slot, info.sslot);
     if (libpmx_get_fuid_info_by_gslot(gslot, &info.tbl) != LIBPMX_OK) info.tbl.gslot = static_cast<uint32_t>(gslot);
     if (event == QV_MOM_EVENT_DEL) info.tbl.status = LIBPMX_MOD_TBL_NONE;
-    if (info.dev == libpmx_get_my_dev_id(1) && info.slot == libpmx_get_my_slot(1)) own_module_ids_known(context);
+    // A deleted table takes this card's ids back: it makes them known to nobody.
+    if (event == QV_MOM_EVENT_ADD && info.dev == libpmx_get_my_dev_id(1) && info.slot == libpmx_get_my_slot(1))
+        own_module_ids_known(context);
     libpmx_notify_handle(context, LIBPMX_NOTIFY_CHIPSLOT_EVENT, info.tbl.status == LIBPMX_MOD_TBL_ALLOC ? 0 : 1,
                          &info.tbl);
 }
