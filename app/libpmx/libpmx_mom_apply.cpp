@@ -23,10 +23,6 @@
 namespace
 {
 
-template <typename Rec> const Rec *as(const ProtobufCMessage *m)
-{
-    return static_cast<const Rec *>(static_cast<const void *>(m));
-}
 
 bool is(const ProtobufCMessage *m, const ProtobufCMessageDescriptor &d)
 {
@@ -161,7 +157,7 @@ std::vector<UnplacedPortReady> g_unplaced_ready; // guarded by g_unplaced_mutex
 std::optional<int> apply_pmx_tables(const ProtobufCMessage *m, bool add)
 {
     if (is(m, u_intf__pmx_ifx_tbl__descriptor)) {
-        const auto *r = as<UIntf__PmxIfxTbl>(m);
+        const auto *r = pmx::record_as<UIntf__PmxIfxTbl>(m);
         // A front-panel port also names its system port (sub-interfaces do not).
         libpmx_sysport_update(r->dev, r->slot, r->sslot, r->lport, r->gphyid, add ? 1 : 0);
         if (!add) return libpmx_del_intf_node(r->index != nullptr ? r->index->ifx : r->ifx);
@@ -169,9 +165,9 @@ std::optional<int> apply_pmx_tables(const ProtobufCMessage *m, bool add)
         pmx::decode_ifx_tbl(r, &info);
         return libpmx_add_intf_node(&info);
     }
-    if (is(m, u_intf__pmx_phy_tbl__descriptor)) return apply_phy_tbl(as<UIntf__PmxPhyTbl>(m), add);
-    if (is(m, u_intf__pmx_sub_ap_intf__descriptor)) return apply_sub_ap(as<UIntf__PmxSubApIntf>(m), add);
-    if (is(m, u_intf__pmx_sub_route_intf__descriptor)) return apply_sub_route(as<UIntf__PmxSubRouteIntf>(m), add);
+    if (is(m, u_intf__pmx_phy_tbl__descriptor)) return apply_phy_tbl(pmx::record_as<UIntf__PmxPhyTbl>(m), add);
+    if (is(m, u_intf__pmx_sub_ap_intf__descriptor)) return apply_sub_ap(pmx::record_as<UIntf__PmxSubApIntf>(m), add);
+    if (is(m, u_intf__pmx_sub_route_intf__descriptor)) return apply_sub_route(pmx::record_as<UIntf__PmxSubRouteIntf>(m), add);
     if (is(m, u_intf__pmx_mod_tbl__descriptor)) {
         libpmx_mod_tbl_info_t info{};
         libpmx_mod_tbl_decode(m, &info);
@@ -180,7 +176,7 @@ std::optional<int> apply_pmx_tables(const ProtobufCMessage *m, bool add)
         return libpmx_add_mod_tbl(info.dev, info.slot, info.sslot, &info.tbl);
     }
     if (is(m, u_intf__pmx_card_address_id__descriptor)) {
-        const auto *r = as<UIntf__PmxCardAddressId>(m);
+        const auto *r = pmx::record_as<UIntf__PmxCardAddressId>(m);
         // The id caches keep no removal: a deleted card address leaves its ids.
         if (!add || r->index == nullptr) return LIBPMX_OK;
         libpmx_cache_cid_with_card_type(r->index->card_type, r->index->subcard_type, r->card_pmx_id);
@@ -221,7 +217,7 @@ void place_what_waited_for_the_identity()
 std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
 {
     if (is(m, p_dev__dp_lib_my_info__descriptor)) {
-        const auto *r = as<PDev__DpLibMyInfo>(m);
+        const auto *r = pmx::record_as<PDev__DpLibMyInfo>(m);
         // The identity stays when its record goes: the card is still this card.
         if (!add) return LIBPMX_OK;
         const int32_t info[5] = {static_cast<int32_t>(r->dm_my_node_type), r->slotid, r->card_type, r->card_nodeid,
@@ -231,29 +227,29 @@ std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
         return LIBPMX_OK;
     }
     if (is(m, p_dev__dp_lib_my_chss__descriptor)) {
-        if (add) libpmx_cache_set_my_chss(as<PDev__DpLibMyChss>(m)->devid);
+        if (add) libpmx_cache_set_my_chss(pmx::record_as<PDev__DpLibMyChss>(m)->devid);
         return LIBPMX_OK;
     }
     if (is(m, p_dev__local_port_info__descriptor)) {
-        const auto *r = as<PDev__LocalPortInfo>(m);
+        const auto *r = pmx::record_as<PDev__LocalPortInfo>(m);
         return add ? libpmx_port_set_local_port_info(r->lport_num, r->online_lport, static_cast<uint32_t>(r->n_online_lport))
                    : libpmx_port_set_local_port_info(-1, nullptr, 0);
     }
     if (is(m, p_dev__unit_cport_info__descriptor)) {
-        const auto *r = as<PDev__UnitCportInfo>(m);
+        const auto *r = pmx::record_as<PDev__UnitCportInfo>(m);
         libpmx_port_info_t info{};
         libpmx_unit_cport_info_decode(r, &info);
         return add ? libpmx_port_set_unit_port(&info) : libpmx_port_del_unit_port(info.unit, info.port);
     }
-    if (is(m, p_dev__dm_card_stattr_t__descriptor)) return add ? apply_card_stattr(as<PDev__DmCardStattrT>(m)) : LIBPMX_OK;
+    if (is(m, p_dev__dm_card_stattr_t__descriptor)) return add ? apply_card_stattr(pmx::record_as<PDev__DmCardStattrT>(m)) : LIBPMX_OK;
     if (is(m, p_dev__dp_lib_complete__descriptor)) {
-        const auto *r = as<PDev__DpLibComplete>(m);
+        const auto *r = pmx::record_as<PDev__DpLibComplete>(m);
         libpmx_port_set_card_complete(add && r->local_card_is_complete, add && r->local_lc_is_complete,
                                       add && r->all_is_complete);
         return LIBPMX_OK;
     }
     if (is(m, p_dev__card_info__descriptor)) {
-        const auto *r = as<PDev__CardInfo>(m);
+        const auto *r = pmx::record_as<PDev__CardInfo>(m);
         if (r->index == nullptr) return LIBPMX_E_INVAL;
         int32_t card_type = 0;
         pmx::decode_card_type_of_card_info(r, &card_type);
@@ -262,7 +258,7 @@ std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
         return add ? libpmx_cache_set_card_info(&ci) : libpmx_cache_del_card_info(&ci);
     }
     if (is(m, p_dev__local_card_port_ready__descriptor)) {
-        const auto *r = as<PDev__LocalCardPortReady>(m);
+        const auto *r = pmx::record_as<PDev__LocalCardPortReady>(m);
         if (r->index == nullptr) return LIBPMX_E_INVAL;
         // The cache holds this card's sub-slots (keyed by sub-slot alone): other cards' records
         // are not its, and before the identity nobody can tell.
@@ -282,12 +278,12 @@ std::optional<int> apply_device_records(const ProtobufCMessage *m, bool add)
         return libpmx_port_set_card_port_ready(r->index->sslotid, r->local_port_ready, r->card_type, add ? 1 : 0);
     }
     if (is(m, s_cluster__ixn_lport_info__descriptor)) {
-        const auto *r = as<SCluster__IxnLportInfo>(m);
+        const auto *r = pmx::record_as<SCluster__IxnLportInfo>(m);
         libpmx_port_set_bp_range(add ? r->lport_base : 0, add ? r->lport_num : 0);
         return LIBPMX_OK;
     }
     if (is(m, s_cluster__ixn_lport_to_upt__descriptor)) {
-        const auto *r = as<SCluster__IxnLportToUpt>(m);
+        const auto *r = pmx::record_as<SCluster__IxnLportToUpt>(m);
         if (r->index == nullptr) return LIBPMX_E_INVAL;
         return libpmx_port_set_bp_lport(r->index->lport, r->unit, r->port, add ? 1 : 0);
     }

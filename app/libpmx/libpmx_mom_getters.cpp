@@ -31,10 +31,6 @@ namespace
 // op of the getters whose kind never waits: the catalogue makes their reads single attempts.
 constexpr int kOnce = 0;
 
-template <typename Rec> const Rec *rec(const void *reply)
-{
-    return static_cast<const Rec *>(reply);
-}
 
 // ---- local identity and completeness ----
 
@@ -47,7 +43,7 @@ struct LocalPortOut {
 
 int decode_local_port_info(const void *reply, void *out)
 {
-    const auto *r = rec<PDev__LocalPortInfo>(reply);
+    const auto *r = pmx::record_as<PDev__LocalPortInfo>(reply);
     auto *o = static_cast<LocalPortOut *>(out);
     const size_t n = std::min<size_t>(r->n_online_lport, o->capacity);
     if (n < r->n_online_lport)
@@ -62,7 +58,7 @@ int decode_local_port_info(const void *reply, void *out)
 // The synchronous read stores the sub-slot as 0; only the change callback stores the record's.
 int decode_my_info(const void *reply, void *out)
 {
-    const auto *r = rec<PDev__DpLibMyInfo>(reply);
+    const auto *r = pmx::record_as<PDev__DpLibMyInfo>(reply);
     auto *info = static_cast<int32_t *>(out);
     // The my-info order: node_type, slot_id, card_type, node_id, sslot_id.
     info[0] = static_cast<int32_t>(r->dm_my_node_type);
@@ -75,7 +71,7 @@ int decode_my_info(const void *reply, void *out)
 
 int decode_my_chss(const void *reply, void *out)
 {
-    *static_cast<int32_t *>(out) = rec<PDev__DpLibMyChss>(reply)->devid;
+    *static_cast<int32_t *>(out) = pmx::record_as<PDev__DpLibMyChss>(reply)->devid;
     return LIBPMX_OK;
 }
 
@@ -87,7 +83,7 @@ struct CompleteFlags {
 
 int decode_dplib_complete(const void *reply, void *out)
 {
-    const auto *r = rec<PDev__DpLibComplete>(reply);
+    const auto *r = pmx::record_as<PDev__DpLibComplete>(reply);
     auto *o = static_cast<CompleteFlags *>(out);
     o->card = r->local_card_is_complete != 0;
     o->lc = r->local_lc_is_complete != 0;
@@ -97,14 +93,14 @@ int decode_dplib_complete(const void *reply, void *out)
 
 int decode_dm_stattr_complete(const void *reply, void *out)
 {
-    *static_cast<unsigned char *>(out) = rec<PDev__DmStattrComplete>(reply)->all_complete != 0;
+    *static_cast<unsigned char *>(out) = pmx::record_as<PDev__DmStattrComplete>(reply)->all_complete != 0;
     return LIBPMX_OK;
 }
 
 // Succeeds only once every card type's attributes are published, so a waiting read waits for it.
 int decode_dm_stattr_all_complete(const void *reply, void *)
 {
-    return rec<PDev__DmStattrComplete>(reply)->all_complete != 0 ? LIBPMX_OK : LIBPMX_E_NOT_FOUND;
+    return pmx::record_as<PDev__DmStattrComplete>(reply)->all_complete != 0 ? LIBPMX_OK : LIBPMX_E_NOT_FOUND;
 }
 
 // ---- card-type static attributes ----
@@ -123,7 +119,7 @@ struct StaticPort {
 
 int decode_static_port(const void *reply, void *out)
 {
-    const auto *r = rec<PDev__DmCardStattrT>(reply);
+    const auto *r = pmx::record_as<PDev__DmCardStattrT>(reply);
     auto *o = static_cast<StaticPort *>(out);
     for (size_t c = 0; c < r->n_chip_attr_array; ++c) {
         const PDev__DmChipAttrT *chip = r->chip_attr_array[c];
@@ -148,19 +144,19 @@ int decode_static_port(const void *reply, void *out)
 
 int decode_sub_slot_num(const void *reply, void *out)
 {
-    *static_cast<int32_t *>(out) = rec<PDev__DmCardStattrT>(reply)->sub_slot_num;
+    *static_cast<int32_t *>(out) = pmx::record_as<PDev__DmCardStattrT>(reply)->sub_slot_num;
     return LIBPMX_OK;
 }
 
 int decode_power_supply(const void *reply, void *out)
 {
-    *static_cast<int32_t *>(out) = rec<PDev__DmCardStattrT>(reply)->power_supply != 0;
+    *static_cast<int32_t *>(out) = pmx::record_as<PDev__DmCardStattrT>(reply)->power_supply != 0;
     return LIBPMX_OK;
 }
 
 int decode_virtual_unit_num(const void *reply, void *out)
 {
-    *static_cast<int32_t *>(out) = rec<PDev__DmCardStattrT>(reply)->virtual_chip_num;
+    *static_cast<int32_t *>(out) = pmx::record_as<PDev__DmCardStattrT>(reply)->virtual_chip_num;
     return LIBPMX_OK;
 }
 
@@ -169,7 +165,7 @@ int decode_virtual_unit_num(const void *reply, void *out)
 // The interface and physical-port records have the same fields.
 template <typename Tbl> int decode_port_tbl(const void *reply, void *out)
 {
-    const auto *r = rec<Tbl>(reply);
+    const auto *r = pmx::record_as<Tbl>(reply);
     auto *o = static_cast<libpmx_intf_info_t *>(out);
     o->ifx = r->ifx;
     o->gphyid = r->gphyid;
@@ -191,7 +187,7 @@ template <typename Tbl> int decode_port_tbl(const void *reply, void *out)
 
 int decode_sub_ap(const void *reply, void *out)
 {
-    const auto *r = rec<UIntf__PmxSubApIntf>(reply);
+    const auto *r = pmx::record_as<UIntf__PmxSubApIntf>(reply);
     auto *o = static_cast<libpmx_sub_ap_info_t *>(out);
     o->phyid = r->phyid;
     o->evlan = r->evlan;
@@ -202,7 +198,7 @@ int decode_sub_ap(const void *reply, void *out)
 
 int decode_sub_route(const void *reply, void *out)
 {
-    const auto *r = rec<UIntf__PmxSubRouteIntf>(reply);
+    const auto *r = pmx::record_as<UIntf__PmxSubRouteIntf>(reply);
     auto *o = static_cast<libpmx_sub_route_info_t *>(out);
     o->phyid = r->phyid;
     o->evlan = r->evlan;
@@ -219,7 +215,7 @@ struct ModTblCall {
 
 int decode_valid_mod_tbl(const void *reply, void *out)
 {
-    const auto *r = rec<UIntf__PmxModTbl>(reply);
+    const auto *r = pmx::record_as<UIntf__PmxModTbl>(reply);
     auto *call = static_cast<ModTblCall *>(out);
     call->status = static_cast<int32_t>(r->status);
     if (r->status != U_INTF__SLOT_MODID_ST_E__MODID_VALID) return LIBPMX_E_NOT_FOUND;
@@ -247,7 +243,7 @@ struct ModLocate {
 
 int match_mod_tbl_modid(const void *reply, void *out)
 {
-    const auto *r = rec<UIntf__PmxModTbl>(reply);
+    const auto *r = pmx::record_as<UIntf__PmxModTbl>(reply);
     auto *o = static_cast<ModLocate *>(out);
     const uint32_t modid = o->modid;
     bool listed = false;
@@ -272,7 +268,7 @@ struct UnitPort {
 
 int decode_lport_info(const void *reply, void *out)
 {
-    const auto *r = rec<PDev__LportInfo>(reply);
+    const auto *r = pmx::record_as<PDev__LportInfo>(reply);
     auto *o = static_cast<UnitPort *>(out);
     o->unit = r->unit;
     o->port = r->cport;
@@ -282,7 +278,7 @@ int decode_lport_info(const void *reply, void *out)
 // A unit port without static attributes has no panel port.
 int decode_unit_port_lport(const void *reply, void *out)
 {
-    const auto *r = rec<PDev__UnitCportInfo>(reply);
+    const auto *r = pmx::record_as<PDev__UnitCportInfo>(reply);
     if (r->static_info == nullptr) return LIBPMX_E_NOT_FOUND;
     *static_cast<int32_t *>(out) = r->static_info->lport;
     return LIBPMX_OK;
@@ -290,7 +286,7 @@ int decode_unit_port_lport(const void *reply, void *out)
 
 int decode_unit_port_type(const void *reply, void *out)
 {
-    const auto *r = rec<PDev__UnitCportInfo>(reply);
+    const auto *r = pmx::record_as<PDev__UnitCportInfo>(reply);
     if (r->static_info == nullptr) return LIBPMX_E_NOT_FOUND;
     *static_cast<int32_t *>(out) = static_cast<int32_t>(r->static_info->unit_virtual_type);
     return LIBPMX_OK;
@@ -303,7 +299,7 @@ struct UUnitPort {
 
 int decode_ixn_lport_to_upt(const void *reply, void *out)
 {
-    const auto *r = rec<SCluster__IxnLportToUpt>(reply);
+    const auto *r = pmx::record_as<SCluster__IxnLportToUpt>(reply);
     auto *o = static_cast<UUnitPort *>(out);
     o->unit = r->unit;
     o->port = r->port;
@@ -317,7 +313,7 @@ struct LportRange {
 
 int decode_ixn_lport_info(const void *reply, void *out)
 {
-    const auto *r = rec<SCluster__IxnLportInfo>(reply);
+    const auto *r = pmx::record_as<SCluster__IxnLportInfo>(reply);
     auto *o = static_cast<LportRange *>(out);
     o->base = r->lport_base;
     o->num = r->lport_num;
@@ -328,14 +324,14 @@ int decode_ixn_lport_info(const void *reply, void *out)
 
 int decode_card_address_id(const void *reply, void *out)
 {
-    *static_cast<int32_t *>(out) = rec<UIntf__PmxCardAddressId>(reply)->card_pmx_id;
+    *static_cast<int32_t *>(out) = pmx::record_as<UIntf__PmxCardAddressId>(reply)->card_pmx_id;
     return LIBPMX_OK;
 }
 
 // An absent static part reads as an empty message: card type 0.
 int decode_card_info_type(const void *reply, void *out)
 {
-    const auto *r = rec<PDev__CardInfo>(reply);
+    const auto *r = pmx::record_as<PDev__CardInfo>(reply);
     const PDev__CardStaticInfo *st = r->static_info;
     *static_cast<int32_t *>(out) = (st != nullptr && st->index != nullptr) ? st->index->type : 0;
     return LIBPMX_OK;
@@ -345,7 +341,7 @@ int decode_card_info_type(const void *reply, void *out)
 // ports must be ready); it takes the record's readiness once that is reached.
 int decode_port_ready(const void *reply, void *out)
 {
-    const auto *r = rec<PDev__LocalCardPortReady>(reply);
+    const auto *r = pmx::record_as<PDev__LocalCardPortReady>(reply);
     auto *status = static_cast<unsigned char *>(out);
     const unsigned char ready = r->local_port_ready != 0;
     if (ready < *status) return LIBPMX_E_NOT_FOUND;
@@ -454,7 +450,7 @@ extern "C" void libpmx_get_dm_stattr_complete(unsigned char *complete)
 extern "C" int libpmx_dmcard_stattr_decode(const void *reply, void *out)
 {
     PMX_REQUIRE_OUT(reply != nullptr && out != nullptr, "param is null, reply:%p out:%p", reply, out);
-    const auto *r = rec<PDev__DmCardStattrT>(reply);
+    const auto *r = pmx::record_as<PDev__DmCardStattrT>(reply);
     libpmx_card_stattr_t a;
     std::memset(&a, 0, sizeof a);
     a.max_lport_id = -1;
@@ -591,7 +587,7 @@ extern "C" int libpmx_get_sub_route_info_from_db(uint32_t ifx, libpmx_sub_route_
 extern "C" int libpmx_mod_tbl_decode(const void *reply, void *out)
 {
     if (reply == nullptr || out == nullptr) return LIBPMX_E_FAIL;
-    const auto *r = rec<UIntf__PmxModTbl>(reply);
+    const auto *r = pmx::record_as<UIntf__PmxModTbl>(reply);
     auto *o = static_cast<libpmx_mod_tbl_info_t *>(out);
     *o = libpmx_mod_tbl_info_t{};
     if (r->index != nullptr) {
@@ -683,7 +679,7 @@ extern "C" int libpmx_get_info_from_unit_port(int32_t unit, int32_t cport, int32
 extern "C" int libpmx_unit_cport_info_decode(const void *reply, void *out)
 {
     if (reply == nullptr || out == nullptr) return LIBPMX_E_FAIL;
-    const auto *r = rec<PDev__UnitCportInfo>(reply);
+    const auto *r = pmx::record_as<PDev__UnitCportInfo>(reply);
     auto *o = static_cast<libpmx_port_info_t *>(out);
     o->unit = r->index != nullptr ? r->index->unit : 0;
     o->port = r->index != nullptr ? r->index->cport : 0;
@@ -782,7 +778,7 @@ namespace
 // Succeeds only once the local card is complete, so a waiting read waits for it.
 int decode_local_card_complete(const void *reply, void *)
 {
-    return rec<PDev__DpLibComplete>(reply)->local_card_is_complete != 0 ? LIBPMX_OK : LIBPMX_E_NOT_FOUND;
+    return pmx::record_as<PDev__DpLibComplete>(reply)->local_card_is_complete != 0 ? LIBPMX_OK : LIBPMX_E_NOT_FOUND;
 }
 
 } // namespace

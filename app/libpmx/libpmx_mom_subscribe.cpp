@@ -19,10 +19,6 @@
 namespace
 {
 
-template <typename Rec> const Rec *as(const ProtobufCMessage *m)
-{
-    return static_cast<const Rec *>(static_cast<const void *>(m));
-}
 
 // Applies the record and queues its record event; the owner's result.
 int apply(void *context, int event, const ProtobufCMessage *key, const ProtobufCMessage *record)
@@ -56,7 +52,7 @@ void post_slot(void *context, uint32_t kind, int event, libpmx_event_slot_t slot
 void post_sub_ap(void *context, int event, const ProtobufCMessage *record)
 {
     if (!pmx::event_wanted(LIBPMX_EVENT_SUB_AP)) return;
-    const auto *r = as<UIntf__PmxSubApIntf>(record);
+    const auto *r = pmx::record_as<UIntf__PmxSubApIntf>(record);
     libpmx_event_t ev{};
     ev.kind = LIBPMX_EVENT_SUB_AP;
     ev.op = op_of(event);
@@ -68,7 +64,7 @@ void post_sub_ap(void *context, int event, const ProtobufCMessage *record)
 void post_sub_route(void *context, int event, const ProtobufCMessage *record)
 {
     if (!pmx::event_wanted(LIBPMX_EVENT_SUB_ROUTE)) return;
-    const auto *r = as<UIntf__PmxSubRouteIntf>(record);
+    const auto *r = pmx::record_as<UIntf__PmxSubRouteIntf>(record);
     libpmx_event_t ev{};
     ev.kind = LIBPMX_EVENT_SUB_ROUTE;
     ev.op = op_of(event);
@@ -76,13 +72,6 @@ void post_sub_route(void *context, int event, const ProtobufCMessage *record)
     ev.u.sub_route.ifx = r->index != nullptr ? r->index->ifx : 0;
     libpmx_event_post(context, &ev);
 }
-
-} // namespace
-
-// ---- the callbacks, in the order of the in-keys ----
-
-namespace
-{
 
 // This card's module ids are known: type 5, then the types that waited for them.
 void own_module_ids_known(void *context)
@@ -111,6 +100,8 @@ void recheck_own_module_ids(void *context)
 }
 
 } // namespace
+
+// ---- the callbacks, in the order of the in-keys ----
 
 extern "C" void libpmx_mom_my_info_cb(void *context, int event, const ProtobufCMessage *key,
                                       const ProtobufCMessage *record)
@@ -142,7 +133,7 @@ extern "C" void libpmx_mom_card_stattr_cb(void *context, int event, const Protob
 extern "C" void libpmx_mom_dplib_complete_cb(void *context, int event, const ProtobufCMessage *key,
                                              const ProtobufCMessage *record)
 {
-    const auto *r = as<PDev__DpLibComplete>(record);
+    const auto *r = pmx::record_as<PDev__DpLibComplete>(record);
     // A deleted record completes nothing.
     const bool add = event == QV_MOM_EVENT_ADD;
     const int card = add && r->local_card_is_complete != 0;
@@ -159,7 +150,7 @@ extern "C" void libpmx_mom_card_info_cb(void *context, int event, const Protobuf
                                         const ProtobufCMessage *record)
 {
     if (apply(context, event, key, record) != LIBPMX_OK) return;
-    const auto *r = as<PDev__CardInfo>(record);
+    const auto *r = pmx::record_as<PDev__CardInfo>(record);
     int32_t card_type = 0;
     pmx::decode_card_type_of_card_info(r, &card_type);
     post_slot(context, LIBPMX_EVENT_CARD, event,
@@ -170,7 +161,7 @@ extern "C" void libpmx_mom_local_card_port_ready_cb(void *context, int event, co
                                                     const ProtobufCMessage *record)
 {
     if (apply(context, event, key, record) != LIBPMX_OK) return;
-    const auto *r = as<PDev__LocalCardPortReady>(record);
+    const auto *r = pmx::record_as<PDev__LocalCardPortReady>(record);
     if (const int32_t my_slot = libpmx_get_my_slot(0); my_slot > 0 && r->index->slotid != my_slot) return;
     post_slot(context, LIBPMX_EVENT_SSLOT, event,
               libpmx_event_slot_t{libpmx_get_my_dev_id(1), r->index->slotid, r->index->sslotid, r->card_type,

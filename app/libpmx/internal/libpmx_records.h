@@ -58,6 +58,12 @@ const libpmx_record_kind_t &record_kind(Record id);
 int read_record(const char *func, Record id, const ProtobufCMessage *key, libpmx_db_decode_fn decode,
                 void *out, int op);
 
+// A record handed over as a message or a read reply, as its generated type.
+template <typename Rec> const Rec *record_as(const void *m)
+{
+    return static_cast<const Rec *>(m);
+}
+
 // Decoders that the typed getters and the change appliers share: interface and physical-port
 // records into a libpmx_intf_info_t, sub-interface records into their cache records (all but the
 // ifx, which is the key's), a card record into its card type.

@@ -327,10 +327,7 @@ private:
                     rc = server_error("GET/HVALS", k.db, std::string(k.key), is_error(r[1].get()) ? r[1].get() : r[2].get());
             }
             if (broken) {
-                std::string why = ctx_->errstr;
-                drop();
-                if (attempt == 0) continue;
-                report_down("lost the connection to", why);
+                if (send_again(attempt)) continue;
                 return QV_MOM_E_CONN;
             }
             db_ = rc == QV_MOM_OK ? selected : -1; // after a refused SELECT the database is not known
@@ -383,10 +380,7 @@ private:
                 replies[r].reset(static_cast<redisReply *>(reply));
             }
             if (broken) {
-                std::string why = ctx_->errstr;
-                drop();
-                if (attempt == 0) continue;
-                report_down("lost the connection to", why);
+                if (send_again(attempt)) continue;
                 *failed = begin;
                 return QV_MOM_E_CONN;
             }
@@ -411,6 +405,17 @@ private:
     // Sends SELECT (when db changed) and the commands in one write, and reads a reply for each
     // command into out. A command with more arguments than a Cmd holds comes as argc/argv/len.
     // An I/O failure drops the connection and tries once more on a new one.
+    // After a round trip lost its connection: true to send it once more on a new one (the first
+    // attempt), false once the loss is reported (the second).
+    bool send_again(int attempt)
+    {
+        const std::string why = ctx_->errstr;
+        drop();
+        if (attempt == 0) return true;
+        report_down("lost the connection to", why);
+        return false;
+    }
+
     int run(int db, const Cmd *cmds, int n, Reply *out, int argc = 0, const char *const *argv = nullptr,
             const size_t *len = nullptr)
     {
@@ -431,10 +436,7 @@ private:
                 (i < 0 ? sel : out[i]).reset(static_cast<redisReply *>(reply));
             }
             if (broken) {
-                std::string why = ctx_->errstr;
-                drop();
-                if (attempt == 0) continue;
-                report_down("lost the connection to", why);
+                if (send_again(attempt)) continue;
                 return QV_MOM_E_CONN;
             }
             if (select) {
