@@ -522,8 +522,12 @@ bool records_before_the_identity()
 
 } // namespace
 
+// In a child forked from a process that has not met the identity (ctest runs each test in a
+// process of its own; a run of the whole program has met it by now). A forked child, not one
+// started again: under an emulator the program cannot start itself.
 TEST(NotifyHooks, RecordsThatComeBeforeTheIdentityCountOnceItArrives)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    if (libpmx_get_my_slot(0) > 0) GTEST_SKIP() << "this process has met the identity already";
+    GTEST_FLAG_SET(death_test_style, "fast");
     EXPECT_EXIT(std::exit(records_before_the_identity() ? 0 : 1), testing::ExitedWithCode(0), "");
 }

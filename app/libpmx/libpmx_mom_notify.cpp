@@ -57,8 +57,9 @@ uint32_t bit_of(int type)
 
 libpmx_notify_hook_node_t *node_of(libpmx_list_t *l)
 {
-    return reinterpret_cast<libpmx_notify_hook_node_t *>(reinterpret_cast<char *>(l) -
-                                                         offsetof(libpmx_notify_hook_node_t, list));
+    // Through void*: the node is as aligned as it was allocated, whatever char* says.
+    void *node = reinterpret_cast<char *>(l) - offsetof(libpmx_notify_hook_node_t, list);
+    return static_cast<libpmx_notify_hook_node_t *>(node);
 }
 
 // The hooks of an entry in registration order: its own, then each further registration. False

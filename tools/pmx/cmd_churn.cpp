@@ -99,7 +99,9 @@ Record make_record(MessagePtr value)
 {
     Record r;
     const ProtobufCFieldDescriptor *f = protobuf_c_message_descriptor_get_field_by_name(value->descriptor, "index");
-    r.key = *reinterpret_cast<ProtobufCMessage *const *>(reinterpret_cast<const char *>(value.get()) + f->offset);
+    // The field's place, through void*: a message field is as aligned as the message it sits in.
+    const void *field = reinterpret_cast<const char *>(value.get()) + f->offset;
+    r.key = *static_cast<ProtobufCMessage *const *>(field);
     default_placement(value->descriptor, &r.db, &r.form);
     r.value = std::move(value);
     return r;
