@@ -26,9 +26,10 @@ public:
 #ifdef LOG_CAPTURE_LIBPMX
     // The level is written as the library writes it: other threads (event, shell) read it meanwhile.
     explicit LogCapture(int level = 5)
-        : saved_level_(__atomic_load_n(&g_libpmx_zlog_level, __ATOMIC_RELAXED)), saved_cat_(g_libpmx_zlog_category)
+        : saved_level_(__atomic_load_n(&g_libpmx_zlog_level, __ATOMIC_RELAXED)),
+          saved_cat_(__atomic_load_n(&g_libpmx_zlog_category, __ATOMIC_ACQUIRE))
     {
-        g_libpmx_zlog_category = qv_zlog_init("libpmx");
+        __atomic_store_n(&g_libpmx_zlog_category, qv_zlog_init("libpmx"), __ATOMIC_RELEASE);
         __atomic_store_n(&g_libpmx_zlog_level, level, __ATOMIC_RELAXED);
         qv_zlog_set_capture(&LogCapture::hook, this);
     }
@@ -36,7 +37,7 @@ public:
     {
         qv_zlog_set_capture(nullptr, nullptr);
         __atomic_store_n(&g_libpmx_zlog_level, saved_level_, __ATOMIC_RELAXED);
-        g_libpmx_zlog_category = saved_cat_;
+        __atomic_store_n(&g_libpmx_zlog_category, saved_cat_, __ATOMIC_RELEASE);
     }
 #else
     LogCapture() { qv_zlog_set_capture(&LogCapture::hook, this); }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -104,8 +105,11 @@ extern "C" int libpmx_dbg_level_file(const char *name, char *path, size_t size)
 
 extern "C" int libpmx_dbg_zlog_init(const char *name)
 {
-    g_libpmx_zlog_category = qv_zlog_init("libpmx");
-    if (g_libpmx_zlog_category == nullptr) {
+    // A start-up done again runs while the event thread of the first one logs: stored atomically,
+    // as the log writer reads it.
+    qv_zlog_category_t *category = qv_zlog_init("libpmx");
+    std::atomic_ref<qv_zlog_category_t *>(g_libpmx_zlog_category).store(category, std::memory_order_release);
+    if (category == nullptr) {
         PMX_ERROR("qv_zlog_init fail");
         return LIBPMX_E_FAIL;
     }
