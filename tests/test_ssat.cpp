@@ -4,6 +4,7 @@
 
 #include <signal.h>
 #include <spawn.h>
+#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -137,6 +138,7 @@ class SsatTest : public ::testing::Test
             ssat_multi_thread_stop(m.c_str());
         unsetenv("PMX_RUN_DIR");
         unsetenv("XDG_RUNTIME_DIR");
+        unsetenv("PMX_SHELL_GROUP");
     }
     int serve(const std::string &module)
     {
@@ -395,6 +397,90 @@ TEST_F(SsatTest, DefaultDirectoryMustBePrivate)
     fs::create_directory_symlink(dir + "/real", run);
     EXPECT_EQ(serve("d4"), SSAT_E_SOCKET);
     EXPECT_TRUE(logged(run, "is not a directory"));
+}
+
+// Connects to path as another user (uid, gid, its groups), in a child that asks the shell one
+// line; 0 when answered, else the errno of the connect (or -1 for no answer).
+int attach_as(const std::string &path, uid_t uid, gid_t gid, std::vector<gid_t> groups)
+{
+    int pipefd[2];
+    if (pipe(pipefd) != 0) return -2;
+    const pid_t child = fork();
+    if (child == 0) {
+        int result = -1;
+        if (setgroups(groups.size(), groups.data()) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(3);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+            result = errno;
+        } else {
+            char c;
+            if (write(fd, "echo hi\n", 8) == 8 && read(fd, &c, 1) == 1) result = 0;
+        }
+        if (write(pipefd[1], &result, sizeof result) != sizeof result) _exit(4);
+        _exit(0);
+    }
+    close(pipefd[1]);
+    int result = -3;
+    if (read(pipefd[0], &result, sizeof result) != sizeof result) result = -4;
+    close(pipefd[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return result;
+}
+
+TEST_F(SsatTest, OnlyTheOwnerAndTheNamedGroupMayAttach)
+{
+    if (geteuid() != 0) GTEST_SKIP() << "switching users needs root";
+    unsetenv("PMX_RUN_DIR");
+    ASSERT_EQ(chmod(dir_.path().c_str(), 0711), 0); // others may pass through, not list
+    const std::string xdg = dir_.path();
+    setenv("XDG_RUNTIME_DIR", xdg.c_str(), 1);
+    const gid_t operators = 4242;
+    const std::string run = xdg + "/pmx";
+
+    // A group named by its number: the directory and the socket are given to it.
+    setenv("PMX_SHELL_GROUP", "4242", 1);
+    ASSERT_EQ(serve("g1"), SSAT_OK);
+    struct stat st{};
+    ASSERT_EQ(lstat(run.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0750u);
+    EXPECT_EQ(st.st_gid, operators);
+    const std::string sock = path_of("g1");
+    ASSERT_EQ(lstat(sock.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0660u);
+    EXPECT_EQ(st.st_gid, operators);
+    EXPECT_EQ(attach_as(sock, 5001, 5001, {operators}), 0) << "a member of the group is let in";
+    EXPECT_EQ(attach_as(sock, 5002, 5002, {}), EACCES) << "anyone else is refused";
+    EXPECT_EQ(attach_as(sock, 5003, operators, {}), 0) << "the group as primary group counts";
+
+    // Without the variable, the same directory is closed again and the member refused.
+    ssat_multi_thread_stop("g1");
+    unsetenv("PMX_SHELL_GROUP");
+    EXPECT_EQ(serve("p1"), SSAT_E_SOCKET) << "a 0750 directory is not private";
+    EXPECT_TRUE(logged(run, "mode 0750"));
+    ASSERT_EQ(chmod(run.c_str(), 0700), 0);
+    ASSERT_EQ(serve("p2"), SSAT_OK);
+    ASSERT_EQ(lstat(path_of("p2").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_EQ(attach_as(path_of("p2"), 5001, 5001, {operators}), EACCES);
+
+    // A group found with other modes is set right; one open to others is refused; a name this
+    // machine does not know is refused with the variable's name.
+    setenv("PMX_SHELL_GROUP", "4242", 1);
+    ASSERT_EQ(serve("g2"), SSAT_OK);
+    ASSERT_EQ(lstat(run.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0750u);
+    chmod(run.c_str(), 0755);
+    EXPECT_EQ(serve("g3"), SSAT_E_SOCKET);
+    EXPECT_TRUE(logged(run, "is open to others (mode 0755)"));
+    chmod(run.c_str(), 0750);
+    setenv("PMX_SHELL_GROUP", "no-such-group-here", 1);
+    EXPECT_EQ(serve("g4"), SSAT_E_SOCKET);
+    EXPECT_TRUE(logged("PMX_SHELL_GROUP names group 'no-such-group-here'", "does not know"));
+    unsetenv("PMX_SHELL_GROUP");
 }
 
 } // namespace

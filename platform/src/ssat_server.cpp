@@ -30,6 +30,7 @@
 #include "qv_mom.h"
 #include "qv_thread.h"
 #include "qv_zlog.h"
+#include "ssat_access.h"
 #include "ssat_names.h"
 #include "ssat_wire.h"
 
@@ -130,38 +131,6 @@ void remove_stale_sockets(const RunDir &dir)
     closedir(d);
 }
 
-// Creates the directory when missing; the default one must be a private directory of ours.
-bool prepare_dir(const RunDir &dir, std::string *why)
-{
-    if (mkdir(dir.path.c_str(), 0700) != 0 && errno != EEXIST) {
-        *why = "cannot create directory " + dir.path + ": " + errno_text(errno);
-        return false;
-    }
-    // The default directory must be the directory itself, not a link planted in its place.
-    struct stat st;
-    if ((dir.must_be_private ? lstat(dir.path.c_str(), &st) : stat(dir.path.c_str(), &st)) != 0) {
-        *why = "cannot examine " + dir.path + ": " + errno_text(errno);
-        return false;
-    }
-    if (!S_ISDIR(st.st_mode)) {
-        *why = dir.path + " is not a directory";
-        return false;
-    }
-    if (!dir.must_be_private) return true;
-    if (st.st_uid != geteuid()) {
-        *why = dir.path + " is owned by uid " + std::to_string(st.st_uid) +
-               ", not by this user (uid " + std::to_string(geteuid()) + ")";
-        return false;
-    }
-    if ((st.st_mode & 077) != 0) {
-        char mode[8];
-        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
-        *why = dir.path + " is open to group or others (mode " + mode + "); it must be 0700";
-        return false;
-    }
-    return true;
-}
-
 bool fill_addr(const std::string &path, sockaddr_un *addr)
 {
     *addr = sockaddr_un{};
@@ -172,7 +141,8 @@ bool fill_addr(const std::string &path, sockaddr_un *addr)
 }
 
 // Opens the listening socket at path, replacing a stale socket file; -1 with *why on failure.
-int open_listener(const char *module, const std::string &path, std::string *why)
+int open_listener(const char *module, const std::string &path, const ssat_access::Access &access,
+                  std::string *why)
 {
     sockaddr_un addr;
     if (!fill_addr(path, &addr)) {
@@ -206,7 +176,12 @@ int open_listener(const char *module, const std::string &path, std::string *why)
         close(fd);
         return -1;
     }
-    if (chmod(path.c_str(), 0600) != 0 || listen(fd, kListenBacklog) != 0) {
+    if (!ssat_access::open_socket(path, access, why)) {
+        close(fd);
+        unlink(path.c_str());
+        return -1;
+    }
+    if (listen(fd, kListenBacklog) != 0) {
         *why = "cannot listen on " + path + ": " + errno_text(errno);
         close(fd);
         unlink(path.c_str());
@@ -310,9 +285,12 @@ int Server::init(const char *module)
         return SSAT_E_SOCKET;
     }
     int fd = -1;
-    if (prepare_dir(dir, &why)) {
+    ssat_access::Access access;
+    if (ssat_access::from_environment(&access, &why) && ssat_access::prepare_dir(dir, access, &why)) {
+        const std::string warning = ssat_access::reach_warning(dir, access);
+        if (!warning.empty()) SSAT_LOG(QV_ZLOG_LEVEL_WARN, "module %s: %s", module, warning.c_str());
         remove_stale_sockets(dir);
-        fd = open_listener(module, path, &why);
+        fd = open_listener(module, path, access, &why);
     }
     if (fd < 0) {
         SSAT_LOG(QV_ZLOG_LEVEL_ERROR, "module %s: cannot serve on %s: %s", module, path.c_str(),
