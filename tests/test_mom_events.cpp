@@ -21,6 +21,7 @@
 #include "libpmx_dbg.h"
 #include "libpmx_intf.h"
 #include "libpmx_mod.h"
+#include "libpmx_cap.h"
 #include "libpmx_mom.h"
 #include "libpmx_port.h"
 #include "log_capture.h"
@@ -530,4 +531,166 @@ TEST(NotifyHooks, RecordsThatComeBeforeTheIdentityCountOnceItArrives)
     if (libpmx_get_my_slot(0) > 0) GTEST_SKIP() << "this process has met the identity already";
     GTEST_FLAG_SET(death_test_style, "fast");
     EXPECT_EXIT(std::exit(records_before_the_identity() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+namespace
+{
+
+void put_sub_ap(uint32_t ifx, uint32_t evlan)
+{
+    UIntf__IfxIndex index = U_INTF__IFX_INDEX__INIT;
+    index.ifx = ifx;
+    UIntf__PmxSubApIntf ap = U_INTF__PMX_SUB_AP_INTF__INIT;
+    ap.index = &index;
+    ap.phyid = 0x07081a05;
+    ap.evlan = evlan;
+    db().put(&ap.base, &index.base);
+}
+
+// The evlan the sub-AP cache holds for ifx, 0 when it holds none.
+uint32_t cached_evlan(uint32_t ifx)
+{
+    libpmx_sub_ap_info_t cached{};
+    return libpmx_get_sub_ap_info_by_phyid_detail(20u << 24 | ifx, &cached, 0) == 0 ? cached.evlan : 0;
+}
+
+} // namespace
+
+TEST(ChangeHistory, AddChangeDeleteNewestFirstWithTheirOldValuesAndFilters)
+{
+    ensure_started();
+    put_sub_ap(901, 1);
+    ASSERT_TRUE(eventually([] { return cached_evlan(901) == 1; }));
+    put_sub_ap(901, 2);
+    ASSERT_TRUE(eventually([] { return cached_evlan(901) == 2; }));
+    UIntf__IfxIndex index = U_INTF__IFX_INDEX__INIT;
+    index.ifx = 901;
+    const qv_mom_key_t key{&index.base, &u_intf__pmx_sub_ap_intf__descriptor};
+    ASSERT_EQ(qv_mom_del_sync(context(), LIBPMX_DB_PMX, &key), QV_MOM_OK);
+    ASSERT_TRUE(eventually([] { return cached_evlan(901) == 0; }));
+    put_sub_ap(9010, 5); // another key the filter must leave out
+    ASSERT_TRUE(eventually([] { return cached_evlan(9010) == 5; }));
+
+    const std::string text = run_cmd("history key=ifx:901}");
+    const size_t del = text.find("delete u_intf.pmx_sub_ap_intf UIntf__IfxIndex-{ifx:901}");
+    const size_t change = text.find("change u_intf.pmx_sub_ap_intf UIntf__IfxIndex-{ifx:901}");
+    const size_t add = text.find("add    u_intf.pmx_sub_ap_intf UIntf__IfxIndex-{ifx:901}");
+    ASSERT_NE(del, std::string::npos) << text;
+    ASSERT_NE(change, std::string::npos) << text;
+    ASSERT_NE(add, std::string::npos) << text;
+    EXPECT_LT(del, change);
+    EXPECT_LT(change, add) << "newest first";
+    EXPECT_EQ(text.find("ifx:9010"), std::string::npos) << text;
+    // The delete took value 2 away; the change went from 1 to 2; the add has no old value.
+    const std::string del_part = text.substr(del, change - del), change_part = text.substr(change, add - change);
+    EXPECT_NE(del_part.find("    old "), std::string::npos);
+    EXPECT_NE(del_part.find("evlan:2"), std::string::npos) << del_part;
+    EXPECT_EQ(del_part.find("    new "), std::string::npos);
+    EXPECT_LT(change_part.find("evlan:1"), change_part.find("evlan:2")) << change_part;
+    EXPECT_EQ(text.substr(add).find("    old "), std::string::npos);
+    EXPECT_NE(text.find("3 shown of "), std::string::npos) << text;
+
+    const std::string json = run_cmd("history json=1 count=2 key=ifx:901}");
+    EXPECT_EQ(json.rfind("{\"table\":\"history\",\"rows\":[{\"seq\":", 0), 0u) << json;
+    EXPECT_NE(json.find("\"op\":\"delete\",\"record\":\"u_intf.pmx_sub_ap_intf\",\"key\":\"UIntf__IfxIndex-{ifx:901}\""),
+              std::string::npos)
+        << json;
+    EXPECT_NE(json.find("],\"total\":2}"), std::string::npos) << json;
+    EXPECT_NE(run_cmd("history record=pmx_sub_ap count=1").find("1 shown of "), std::string::npos);
+    EXPECT_NE(run_cmd("history count=0").find("usage: history"), std::string::npos);
+}
+
+TEST(ChangeHistory, RingKeepsTheNewestAndForgetsTheOldValuesItDropped)
+{
+    ensure_started();
+    constexpr uint32_t kFirst = 20000, kCount = 4200; // more than the ring's 4096 entries
+    for (uint32_t i = 0; i < kCount; ++i) put_sub_ap(kFirst + i, 7);
+    ASSERT_TRUE(eventually([] { return cached_evlan(kFirst + kCount - 1) == 7; }));
+    put_sub_ap(kFirst, 8);
+    ASSERT_TRUE(eventually([] { return cached_evlan(kFirst) == 8; }));
+    const std::string text = run_cmd("history count=1");
+    EXPECT_NE(text.find("change u_intf.pmx_sub_ap_intf UIntf__IfxIndex-{ifx:20000}"), std::string::npos) << text;
+    EXPECT_NE(text.find("old (not kept: older than the history)"), std::string::npos) << text;
+    EXPECT_NE(text.find("1 shown of 4096 held (at most 4096 entries"), std::string::npos) << text;
+    // A key still in the ring shows where it came from.
+    put_sub_ap(kFirst + kCount - 1, 9);
+    ASSERT_TRUE(eventually([] { return cached_evlan(kFirst + kCount - 1) == 9; }));
+    const std::string last = run_cmd("history count=1");
+    EXPECT_LT(last.find("evlan:7"), last.find("evlan:9")) << last;
+}
+
+namespace
+{
+
+// The row of one record in `stats json=1`, from its name to the end of the row.
+std::string record_row(const std::string &json, const std::string &record)
+{
+    const size_t at = json.find("{\"record\":\"" + record + "\"");
+    return at == std::string::npos ? std::string() : json.substr(at, json.find('}', at) - at + 1);
+}
+
+} // namespace
+
+TEST(Stats, CountLookupsFallBacksWaitsAndAppliedChangesOfEveryThread)
+{
+    ensure_started();
+    put_ifx(db(), 700, 0x07081a07);
+    uint32_t phy = 0;
+    ASSERT_TRUE(eventually([&phy] { return libpmx_get_phyid_by_ifx_ext(700, &phy) == 0; }));
+    libpmx_stats_reset();
+    constexpr uint32_t kIfxCache = 0; // "interface by ifx", the first cache
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(libpmx_get_phyid_by_ifx_ext(700, &phy), 0);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(libpmx_get_phyid_by_ifx_ext(701, &phy), LIBPMX_E_NOT_FOUND);
+    EXPECT_EQ(libpmx_stats_cache_count(kIfxCache, 0), 5);
+    EXPECT_EQ(libpmx_stats_cache_count(kIfxCache, 1), 2);
+    // Threads that have ended still count.
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 2; ++t)
+        readers.emplace_back([] {
+            uint32_t p = 0;
+            for (int i = 0; i < 100; ++i) libpmx_get_phyid_by_ifx_ext(700, &p);
+        });
+    for (auto &r : readers) r.join();
+    EXPECT_EQ(libpmx_stats_cache_count(kIfxCache, 0), 205);
+    libpmx_stats_enable(0);
+    for (int i = 0; i < 10; ++i) libpmx_get_phyid_by_ifx_ext(700, &phy);
+    EXPECT_EQ(libpmx_stats_cache_count(kIfxCache, 0), 205) << "counting is off";
+    libpmx_stats_enable(1);
+    EXPECT_EQ(libpmx_stats_cache_count(kIfxCache, 2), -1);
+
+    // A fall-back that finds nothing, a wait that ends when the record comes, an applied add.
+    EXPECT_NE(libpmx_get_phyid_by_ifx_ext_db(702, &phy), 0);
+    std::thread writer([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        void *ctx = qv_mom_thread_attach(db().glb(), nullptr);
+        UIntf__IfxIndex index = U_INTF__IFX_INDEX__INIT;
+        index.ifx = 703;
+        UIntf__PmxIfxTbl r = U_INTF__PMX_IFX_TBL__INIT;
+        r.index = &index;
+        r.ifx = 703;
+        r.gphyid = 0x07081a09;
+        EmbeddedDb::put_from(ctx, &r.base, &index.base);
+        qv_mom_thread_detach();
+    });
+    libpmx_cap_set_block_times(50); // a lost record fails in 5 s, not in 5 minutes
+    EXPECT_EQ(libpmx_get_phyid_by_ifx(703, &phy), 0);
+    writer.join();
+    libpmx_cap_set_block_times(LIBPMX_DEFAULT_BLOCK_TIMES);
+    ASSERT_TRUE(eventually([&phy] { return libpmx_get_phyid_by_ifx_ext(703, &phy) == 0; }));
+    const std::string json = run_cmd("stats json=1");
+    const std::string ifx_row = record_row(json, "u_intf.pmx_ifx_tbl");
+    // Two reads: 702 (not found), and 703 by one read that waited for it.
+    EXPECT_NE(ifx_row.find("\"db_reads\":2,\"db_failures\":1,\"waits\":1,"), std::string::npos) << ifx_row;
+    const size_t us = ifx_row.find("\"wait_us\":");
+    ASSERT_NE(us, std::string::npos) << ifx_row;
+    EXPECT_GE(std::atoll(ifx_row.c_str() + us + 10), 200000) << ifx_row;
+    EXPECT_NE(ifx_row.find("\"applied_adds\":1,"), std::string::npos) << ifx_row;
+    EXPECT_NE(json.find("{\"cache\":0,\"name\":\"interface by ifx\",\"lookups\":"), std::string::npos) << json;
+
+    const std::string text = run_cmd("stats");
+    EXPECT_NE(text.find("interface by ifx"), std::string::npos) << text;
+    EXPECT_NE(text.find("counting on"), std::string::npos) << text;
+    EXPECT_NE(run_cmd("stats reset=1").find("statistics reset"), std::string::npos);
+    EXPECT_EQ(libpmx_stats_cache_count(kIfxCache, 0), 0);
+    EXPECT_NE(run_cmd("stats bogus=1").find("usage: stats"), std::string::npos);
 }

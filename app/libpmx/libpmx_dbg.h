@@ -77,6 +77,17 @@ LIBPMX_API int libpmx_dbg_cmd_set_dbg_level(const char *args);   /* "dbg_level=%
 LIBPMX_API int libpmx_dbg_cmd_dump_dbg_level(const char *args);
 LIBPMX_API int libpmx_dbg_cmd_record_log_tmp(const char *args);  /* "minutes=%d" */
 
+/* Statistics: every cache counts its lookups and misses, every record kind its database reads,
+ * waits and applied change events (the "stats" debug command prints them). Counting is on unless
+ * the environment variable PMX_STATS is 0; it can be switched at any time. */
+LIBPMX_API void libpmx_stats_enable(int on);
+LIBPMX_API int libpmx_stats_enabled(void);
+/* Counts from now on: the stats command shows what happened since (its reset=1 does the same). */
+LIBPMX_API void libpmx_stats_reset(void);
+/* One counter as the stats command sums it: the lookups (field 0) or misses (1) of cache i, as
+ * its JSON rows number them; -1 for an unknown cache or field. For tests and monitors. */
+LIBPMX_API int64_t libpmx_stats_cache_count(uint32_t cache, uint32_t field);
+
 LIBPMX_END_DECLS
 
 #endif /* LIBPMX_DBG_H */

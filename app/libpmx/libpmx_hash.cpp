@@ -5,6 +5,7 @@
 #include "libpmx_errno.h"
 #include "libpmx_hash.h"
 #include "libpmx_hash_table.hpp"
+#include "libpmx_stats.hpp"
 
 #include <cstddef>
 #include <cstdlib>
@@ -14,6 +15,13 @@ namespace {
 using pmx::cmp_signed;
 using pmx::cmp_unsigned;
 using pmx::KeyedTable;
+
+// A lookup of a family's table, counted in its statistics.
+template <class Traits>
+typename Traits::Rec *counted_find(libpmx_hash_t *h, const void *key)
+{
+    return pmx::stats::lookup(Traits::stat, KeyedTable<Traits>(h).find(key));
+}
 using pmx::LeadingKey;
 using pmx::RefreshNone;
 using pmx::RefreshWhole;
@@ -21,9 +29,11 @@ using pmx::RefreshWhole;
 // ---- family traits: key, refresh rule, and the order of the sorted walk where there is one ----
 
 struct InvalidModid : LeadingKey<libpmx_invalid_modid_t, 4>, RefreshNone<libpmx_invalid_modid_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::InvalidModid;
 };
 
 struct LocalCardPortReady : LeadingKey<libpmx_local_card_port_ready_t, 4> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::LocalCardPortReady;
     static void refresh(Rec *c, const Rec *o)
     {
         constexpr const char *fn = "libpmx_local_card_port_ready_cache_create";
@@ -40,6 +50,7 @@ struct LocalCardPortReady : LeadingKey<libpmx_local_card_port_ready_t, 4> {
 
 // Keyed by its second field, gslot; a null record hashes as gslot 0.
 struct CePmxFuidInfoPerSlot {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::ChipSlot;
     using Rec = ce_pmx_fuid_info_per_slot_t;
     static constexpr const char *sort_failed = "ce_pmx_fuid_info_per_slot failed to create qsort hash array.\n";
     static constexpr uint32_t key_len = 4;
@@ -64,22 +75,26 @@ struct CePmxFuidInfoPerSlot {
 };
 
 struct ChipidRes : LeadingKey<chipid_res_t, 4>, RefreshWhole<chipid_res_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::ChipidRes;
     static constexpr const char *sort_failed = "chipid_res failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return cmp_unsigned(a->modid, b->modid); }
 };
 
 struct CardAddrId : LeadingKey<libpmx_card_addr_id_t, 8>, RefreshWhole<libpmx_card_addr_id_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::CardAddrId;
     static constexpr const char *sort_failed = "libpmx_card_addr_id failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return cmp_signed(a->cid, b->cid); }
 };
 
 struct SubcardTypeId : LeadingKey<libpmx_subcard_type_id_t, 4>,
                        RefreshWhole<libpmx_subcard_type_id_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::SubcardTypeId;
     static constexpr const char *sort_failed = "libpmx_subcard_type_id failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return cmp_signed(a->cid, b->cid); }
 };
 
 struct GlobalSport : LeadingKey<libpmx_global_sport_t, 8> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::GlobalSport;
     static void refresh(Rec *c, const Rec *o)
     {
         c->sslot = o->sslot;
@@ -90,6 +105,7 @@ struct GlobalSport : LeadingKey<libpmx_global_sport_t, 8> {
 };
 
 struct Sysport : LeadingKey<libpmx_sysport_t, 4> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::Sysport;
     static void refresh(Rec *c, const Rec *o)
     {
         c->phyid = o->phyid;
@@ -100,6 +116,7 @@ struct Sysport : LeadingKey<libpmx_sysport_t, 4> {
 
 // An entry is created once per type; its hook list starts empty, pointing at itself.
 struct NotifyHook : LeadingKey<libpmx_notify_hook_t, 4> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::NotifyHook;
     static void refresh(Rec *c, const Rec *o)
     {
         PMX_LOG_AS("libpmx_notify_hook_cache_create", LIBPMX_ZLOG_ERROR, "something error :%d %d",
@@ -113,6 +130,7 @@ struct NotifyHook : LeadingKey<libpmx_notify_hook_t, 4> {
 };
 
 struct CardInfo : LeadingKey<libpmx_card_info_t, 12>, RefreshWhole<libpmx_card_info_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::CardInfo;
     static constexpr const char *sort_failed = "libpmx_card_info failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b)
     {
@@ -123,26 +141,32 @@ struct CardInfo : LeadingKey<libpmx_card_info_t, 12>, RefreshWhole<libpmx_card_i
 };
 
 struct CardTypePoe : LeadingKey<libpmx_card_type_poe_t, 4>, RefreshWhole<libpmx_card_type_poe_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::CardTypePoe;
 };
 
 struct SubApInfo : LeadingKey<libpmx_sub_ap_info_t, 4>, RefreshWhole<libpmx_sub_ap_info_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::SubApInfo;
     static constexpr const char *sort_failed = "libpmx_sub_ap_info failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return cmp_unsigned(a->ifx, b->ifx); }
 };
 
 struct SubRouteInfo : LeadingKey<libpmx_sub_route_info_t, 4>,
                       RefreshWhole<libpmx_sub_route_info_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::SubRouteInfo;
     static constexpr const char *sort_failed = "libpmx_sub_route_info failed to create qsort hash array.\n";
     static int compare(const Rec *a, const Rec *b) { return cmp_unsigned(a->ifx, b->ifx); }
 };
 
 struct PortCache : LeadingKey<libpmx_port_cache_t, 8>, RefreshWhole<libpmx_port_cache_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::PortCache;
 };
 
 struct PhyK2v : LeadingKey<libpmx_phy_k2v_t, 4>, RefreshWhole<libpmx_phy_k2v_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::PhyK2v;
 };
 
 struct PortK2v : LeadingKey<libpmx_port_k2v_t, 8>, RefreshWhole<libpmx_port_k2v_t> {
+    static constexpr pmx::stats::Cache stat = pmx::stats::Cache::PortK2v;
 };
 
 // ---- the process-wide tables, created by libpmx_hash_init ----
@@ -199,7 +223,7 @@ typename Traits::Rec *create_entry(libpmx_hash_t *h, const typename Traits::Rec 
     {                                                                                              \
         return KeyedTable<TRAITS>(G).remove(e);                                                    \
     }                                                                                              \
-    extern "C" TRAITS::Rec *HP##_hash_find(const void *k) { return KeyedTable<TRAITS>(G).find(k); } \
+    extern "C" TRAITS::Rec *HP##_hash_find(const void *k) { return counted_find<TRAITS>(G, k); } \
     extern "C" int HP##_hash_traverse(libpmx_hash_op_t op, void *arg)                              \
     {                                                                                              \
         return KeyedTable<TRAITS>(G).traverse(op, arg);                                            \
@@ -252,7 +276,7 @@ extern "C" libpmx_invalid_modid_t *libpmx_invalid_modid_get(int32_t modid)
 {
     libpmx_invalid_modid_t key{};
     key.modid = static_cast<uint32_t>(modid);
-    return KeyedTable<InvalidModid>(g_invalid_modid).find(&key);
+    return counted_find<InvalidModid>(g_invalid_modid, &key);
 }
 
 // ---- libpmx_local_card_port_ready ----
@@ -265,7 +289,7 @@ PMX_HASH_CREATE(libpmx_local_card_port_ready, LocalCardPortReady, g_local_card_p
 extern "C" libpmx_local_card_port_ready_t *
 libpmx_local_card_port_ready_get(const libpmx_local_card_port_ready_t *key)
 {
-    return KeyedTable<LocalCardPortReady>(g_local_card_port_ready).find(key);
+    return counted_find<LocalCardPortReady>(g_local_card_port_ready, key);
 }
 extern "C" int libpmx_local_card_port_ready_destroy(const libpmx_local_card_port_ready_t *key)
 {
@@ -294,7 +318,7 @@ extern "C" ce_pmx_fuid_info_per_slot_t *libpmx_ce_pmx_fuid_info_per_slot_get(int
 {
     ce_pmx_fuid_info_per_slot_t key{};
     key.gslot = static_cast<uint32_t>(gslot);
-    return KeyedTable<CePmxFuidInfoPerSlot>(g_ce_pmx_fuid_info_per_slot).find(&key);
+    return counted_find<CePmxFuidInfoPerSlot>(g_ce_pmx_fuid_info_per_slot, &key);
 }
 
 // ---- chipid_res ----
@@ -306,7 +330,7 @@ extern "C" chipid_res_t *libpmx_chipid_res_get(int32_t modid)
 {
     chipid_res_t key{};
     key.modid = static_cast<uint32_t>(modid);
-    return KeyedTable<ChipidRes>(g_chipid_res).find(&key);
+    return counted_find<ChipidRes>(g_chipid_res, &key);
 }
 
 // ---- libpmx_card_addr_id ----
@@ -320,7 +344,7 @@ extern "C" libpmx_card_addr_id_t *libpmx_card_addr_id_get(int32_t card_type, int
     libpmx_card_addr_id_t key{};
     key.card_type = static_cast<uint32_t>(card_type);
     key.subcard_type = static_cast<uint32_t>(subcard_type);
-    return KeyedTable<CardAddrId>(g_card_addr_id).find(&key);
+    return counted_find<CardAddrId>(g_card_addr_id, &key);
 }
 
 // ---- libpmx_subcard_type_id ----
@@ -332,7 +356,7 @@ extern "C" libpmx_subcard_type_id_t *libpmx_subcard_type_id_get(int32_t subcard_
 {
     libpmx_subcard_type_id_t key{};
     key.subcard_type = static_cast<uint32_t>(subcard_type);
-    return KeyedTable<SubcardTypeId>(g_subcard_type_id).find(&key);
+    return counted_find<SubcardTypeId>(g_subcard_type_id, &key);
 }
 
 // ---- libpmx_global_sport ----
@@ -348,7 +372,7 @@ extern "C" libpmx_global_sport_t *libpmx_global_sport_get(int32_t card_type, int
     key.card_type = static_cast<uint32_t>(card_type);
     key.unit = static_cast<int16_t>(unit);
     key.port = static_cast<int16_t>(port);
-    return KeyedTable<GlobalSport>(g_global_sport).find(&key);
+    return counted_find<GlobalSport>(g_global_sport, &key);
 }
 
 // ---- libpmx_sysport ----
@@ -360,7 +384,7 @@ extern "C" libpmx_sysport_t *libpmx_sysport_get(int32_t sysport)
 {
     libpmx_sysport_t key{};
     key.sysport = static_cast<uint32_t>(sysport);
-    return KeyedTable<Sysport>(g_sysport).find(&key);
+    return counted_find<Sysport>(g_sysport, &key);
 }
 extern "C" int libpmx_sysport_destroy(int32_t sysport)
 {
@@ -383,7 +407,7 @@ extern "C" libpmx_notify_hook_t *libpmx_notify_hook_get(int32_t notify_type)
     libpmx_notify_hook_t key{};
     key.notify_type = static_cast<uint32_t>(notify_type);
     key.list.next = key.list.prev = &key.list;
-    return KeyedTable<NotifyHook>(g_notify_hook).find(&key);
+    return counted_find<NotifyHook>(g_notify_hook, &key);
 }
 extern "C" int libpmx_notify_hook_destroy(int32_t notify_type)
 {
@@ -413,7 +437,7 @@ extern "C" libpmx_card_info_t *libpmx_card_info_get(int32_t dev, int32_t slot, i
     key.dev = static_cast<uint32_t>(dev);
     key.slot = static_cast<uint32_t>(slot);
     key.sslot = static_cast<uint32_t>(sslot);
-    return KeyedTable<CardInfo>(g_card_info).find(&key);
+    return counted_find<CardInfo>(g_card_info, &key);
 }
 extern "C" int libpmx_card_info_destroy(int32_t dev, int32_t slot, int32_t sslot)
 {
@@ -436,7 +460,7 @@ extern "C" libpmx_card_type_poe_t *libpmx_card_type_poe_get(int32_t card_type)
 {
     libpmx_card_type_poe_t key{};
     key.card_type = static_cast<uint32_t>(card_type);
-    return KeyedTable<CardTypePoe>(g_card_type_poe).find(&key);
+    return counted_find<CardTypePoe>(g_card_type_poe, &key);
 }
 extern "C" int libpmx_cache_get_power_supply_by_card_type(int32_t card_type, uint8_t *power_supply)
 {
@@ -482,7 +506,7 @@ extern "C" int libpmx_cache_for_each_power_supply_card_type(libpmx_hash_op_t op,
     {                                                                                              \
         TRAITS::Rec key{};                                                                         \
         key.ifx = ifx;                                                                             \
-        return KeyedTable<TRAITS>(G).find(&key);                                                   \
+        return counted_find<TRAITS>(G, &key);                                                   \
     }                                                                                              \
     extern "C" int P##_destroy(TRAITS::Rec *e)                                                     \
     {                                                                                              \
@@ -507,7 +531,7 @@ extern "C" libpmx_port_cache_t *libpmx_port_cache_get(int32_t unit, int32_t port
     libpmx_port_cache_t key{};
     key.unit = static_cast<uint32_t>(unit);
     key.port = static_cast<uint32_t>(port);
-    return KeyedTable<PortCache>(g_port_cache).find(&key);
+    return counted_find<PortCache>(g_port_cache, &key);
 }
 extern "C" int libpmx_port_cache_destroy(int32_t unit, int32_t port)
 {
@@ -698,7 +722,7 @@ extern "C" libpmx_port_k2v_t *libpmx_port_k2v_get(int32_t gslot, int32_t port)
     libpmx_port_k2v_t key{};
     key.gslot = static_cast<uint32_t>(gslot);
     key.port = static_cast<uint32_t>(port);
-    return KeyedTable<PortK2v>(g_port_k2v).find(&key);
+    return counted_find<PortK2v>(g_port_k2v, &key);
 }
 namespace {
 libpmx_port_k2v_t port_probe(int32_t gslot, int32_t port, uint32_t a, uint32_t b)

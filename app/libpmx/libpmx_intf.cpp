@@ -19,6 +19,7 @@
 #include "libpmx_intf_lock.hpp"
 #include "libpmx_intf_table.hpp"
 #include "libpmx_mom.h"
+#include "libpmx_stats.hpp"
 #include "ssat.h"
 
 namespace pmx
@@ -245,7 +246,7 @@ extern "C" int libpmx_get_intf_node_by_ifx(uint32_t ifx, libpmx_intf_info_t *inf
         return LIBPMX_E_FAIL;
     }
     Guard g(pmx::g_intf_lock, Access::Read);
-    const pmx::IntfNode *n = g_intf_table.by_ifx(ifx);
+    const pmx::IntfNode *n = pmx::stats::lookup(pmx::stats::Cache::IfxIndex, g_intf_table.by_ifx(ifx));
     if (n == nullptr) return LIBPMX_E_NOT_FOUND;
     *info = n->info;
     return LIBPMX_OK;
@@ -260,7 +261,8 @@ extern "C" int libpmx_get_phyid_by_ifx_detail(uint32_t ifx, uint32_t *gphyid, in
     *gphyid = 0;
     {
         Guard g(pmx::g_intf_lock, Access::Read);
-        if (const pmx::IntfNode *n = g_intf_table.by_ifx(ifx)) *gphyid = n->info.gphyid;
+        if (const pmx::IntfNode *n = pmx::stats::lookup(pmx::stats::Cache::IfxIndex, g_intf_table.by_ifx(ifx)))
+            *gphyid = n->info.gphyid;
     }
     PMX_INFO("get phyid from cache, ifx:%u, phyid:0x%x", ifx, *gphyid);
     if (*gphyid != 0) return LIBPMX_OK;
@@ -293,7 +295,7 @@ extern "C" int libpmx_get_ifx_by_phyid_detail(uint32_t phyid, uint32_t *ifx, int
     bool hit = false;
     {
         Guard g(pmx::g_intf_lock, Access::Read);
-        if (const pmx::IntfNode *n = g_intf_table.by_phyid(phyid)) {
+        if (const pmx::IntfNode *n = pmx::stats::lookup(pmx::stats::Cache::PhyidIndex, g_intf_table.by_phyid(phyid))) {
             *ifx = n->info.ifx;
             hit = true;
         }
@@ -321,7 +323,7 @@ extern "C" int libpmx_get_ifx_by_phyid_detail(uint32_t phyid, uint32_t *ifx, int
 bool pmx::intf_node_by_phyid(uint32_t phyid, libpmx_intf_info_t *out)
 {
     Guard g(pmx::g_intf_lock, Access::Read);
-    const pmx::IntfNode *n = g_intf_table.by_phyid(phyid);
+    const pmx::IntfNode *n = pmx::stats::lookup(pmx::stats::Cache::PhyidIndex, g_intf_table.by_phyid(phyid));
     if (n == nullptr) return false;
     *out = n->info;
     return true;
@@ -352,7 +354,11 @@ extern "C" int libpmx_get_ifx_by_phyid_block_detail(uint32_t phyid, uint32_t *if
     }
     // The port's card is present (its module and cid agree): wait for its record, unbounded.
     libpmx_intf_info_t rec{};
-    while (libpmx_get_info_from_pmx_phy_tbl(phyid, &rec, 2) != LIBPMX_OK) usleep(100000);
+    pmx::stats::WaitClock clock(pmx::Record::PHY_TBL);
+    while (libpmx_get_info_from_pmx_phy_tbl(phyid, &rec, 2) != LIBPMX_OK) {
+        clock.waited();
+        usleep(100000);
+    }
     *ifx = rec.ifx;
     PMX_INFO("phyid:0x%x ifx:%u", phyid, rec.ifx);
     return LIBPMX_OK;

@@ -23,6 +23,7 @@
 #include "libpmx_platform_code.h"
 #include "libpmx_protoc_fmt.h"
 #include "libpmx_records.h"
+#include "libpmx_stats.hpp"
 #include "ssat.h"
 
 libpmx_mom_ctx_t g_libpmx_mom = {-1};
@@ -245,6 +246,10 @@ extern "C" int libpmx_getinfo_from_db_with_block(const qv_mom_key_t *key, int db
         if (sleeps >= max) break;
     }
     qv_monotime(&mono_end);
+    if (sleeps > 0)
+        pmx::stats::wait(pmx::stats::kind_of(key->record),
+                         static_cast<uint64_t>((int64_t(mono_end.tv_sec) - mono_begin.tv_sec) * 1000000000 +
+                                               (int64_t(mono_end.tv_usec) - mono_begin.tv_usec) * 1000));
     if (sleeps > 0 && sleeps >= max) {
         libpmx_set_can_block_to_read_db(0);
         libpmx_block_timer();

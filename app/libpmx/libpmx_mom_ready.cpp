@@ -7,6 +7,7 @@
 
 #include "libpmx_mom.h"
 #include "libpmx_port.h"
+#include "libpmx_stats.hpp"
 
 namespace
 {
@@ -18,6 +19,7 @@ constexpr useconds_t kSleepUs = 100000;
 extern "C" void libpmx_block_for_ndm_complete(void)
 {
     PMX_INFO("begin block for complete type: %d", 1);
+    pmx::stats::WaitClock clock(pmx::Record::DPLIB_COMPLETE);
     int n = 0;
     unsigned char complete = 0;
     do {
@@ -27,6 +29,7 @@ extern "C" void libpmx_block_for_ndm_complete(void)
         libpmx_get_dplib_complete_status(1, &complete);
         PMX_INFO("will sleep %d", n);
         // The sleep is taken also on the pass that saw the flag turn 1.
+        clock.waited();
         usleep(kSleepUs);
         PMX_INFO("did  sleep %d", n);
     } while (complete == 0);
@@ -36,6 +39,7 @@ extern "C" void libpmx_block_for_ndm_complete(void)
 extern "C" void libpmx_block_for_ndm_complete_stattr(void)
 {
     PMX_INFO("begin block for ndm-complete-stattr");
+    pmx::stats::WaitClock clock(pmx::Record::DM_STATTR_COMPLETE);
     int n = 0;
     unsigned char complete = 0;
     do {
@@ -44,6 +48,7 @@ extern "C" void libpmx_block_for_ndm_complete_stattr(void)
         complete = 0;
         libpmx_get_dm_stattr_complete(&complete);
         PMX_INFO("will sleep %d", n);
+        clock.waited();
         usleep(kSleepUs);
         PMX_INFO("did  sleep %d", n);
     } while (complete == 0);

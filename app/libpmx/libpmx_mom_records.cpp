@@ -4,6 +4,7 @@
 #include "libpmx_log.h"
 
 #include "libpmx_records.h"
+#include "libpmx_stats.hpp"
 
 #include <cstring>
 
@@ -78,6 +79,7 @@ int pmx::read_record(const char *func, Record id, const ProtobufCMessage *key, l
         rc = libpmx_hget_info_from_db(&mom_key, kind.db, decode, out);
     else
         rc = libpmx_get_info_from_db(&mom_key, kind.db, decode, out);
+    pmx::stats::read(id, rc);
     if (rc != LIBPMX_OK) log_read_failure(func, kind, key, op, rc);
     return rc;
 }

@@ -12,6 +12,8 @@
 #include "libpmx_platform_code.h"
 #include "libpmx_port.h"
 #include "libpmx_records.h"
+#include "libpmx_history.hpp"
+#include "libpmx_stats.hpp"
 #include "p_dev.pb-c.h"
 #include "s_cluster.pb-c.h"
 #include "u_intf.pb-c.h"
@@ -24,6 +26,8 @@ namespace
 int apply(void *context, int event, const ProtobufCMessage *key, const ProtobufCMessage *record)
 {
     const int rc = libpmx_mom_record_apply(record, event);
+    if (record != nullptr) pmx::stats::applied(pmx::stats::kind_of(record->descriptor), event != QV_MOM_EVENT_DEL);
+    pmx::history::note(event, key, record);
     if (pmx::event_wanted(LIBPMX_EVENT_RECORD)) pmx::event_post_record(context, event, key, record);
     return rc;
 }
@@ -379,6 +383,8 @@ extern "C" int libpmx_mom_init(void *glb, const char *app_name)
         }
     }
     pmx::mom_add_cmds();
+    pmx::stats::add_cmds();
+    pmx::history::add_cmds();
     pmx::notify_add_cmds();
     pmx::event_add_cmds();
     PMX_INFO("[app_name:%s] data source %d registered", app_name, ds);

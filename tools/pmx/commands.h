@@ -29,10 +29,12 @@ Command add_decode_command(CLI::App &app);
 Command add_dump_command(CLI::App &app);
 Command add_follow_command(CLI::App &app);
 Command add_gen_command(CLI::App &app);
+Command add_history_command(CLI::App &app);
 Command add_get_command(CLI::App &app);
 Command add_load_command(CLI::App &app);
 Command add_query_command(CLI::App &app);
 Command add_shell_command(CLI::App &app);
+Command add_stats_command(CLI::App &app);
 Command add_verify_command(CLI::App &app);
 Command add_whoami_command(CLI::App &app);
 

@@ -5,7 +5,9 @@
 
 #include <cinttypes>
 #include <cstdint>
+#include <cstdio>
 #include <initializer_list>
+#include <string>
 
 #include "libpmx_dbg_args.hpp"
 #include "ssat.h"
@@ -75,13 +77,33 @@ public:
             else if (f.kind == JsonField::Kind::Hex)
                 ssat_printf("\"0x%08" PRIx32 "\"", static_cast<uint32_t>(f.num));
             else
-                ssat_printf("\"%s\"", f.text);
+                print_string(f.text);
         }
         ssat_printf("}");
     }
     void end() { ssat_printf("],\"total\":%u}\n", rows_); }
 
 private:
+    // A JSON string: quotes, backslashes and control characters escaped.
+    static void print_string(const char *s)
+    {
+        std::string out = "\"";
+        for (const char *p = s != nullptr ? s : ""; *p != '\0'; ++p) {
+            const auto c = static_cast<unsigned char>(*p);
+            if (c == '"' || c == '\\') {
+                out += '\\';
+                out += static_cast<char>(c);
+            } else if (c < 0x20) {
+                char esc[8];
+                std::snprintf(esc, sizeof esc, "\\u%04x", c);
+                out += esc;
+            } else {
+                out += static_cast<char>(c);
+            }
+        }
+        out += '"';
+        ssat_printf("%s", out.c_str());
+    }
     uint32_t rows_ = 0;
 };
 
