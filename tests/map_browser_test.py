@@ -148,7 +148,7 @@ def check_page(d, truth):
                       (pos, "dev/slot/sslot/port"), (r["lphyid"], "lphyid"), ("%d/%d" % (r["unit"], r["port"]), "unit/port")):
         d.type_into("#search", query + ENTER)
         status = d.text("#search-status")
-        check(pos in status and "(%s)" % by in status or status == "found %s by %s" % (pos, by),
+        check(pos in status and "(%s " % by in status or status == "found %s by %s" % (pos, by),
               "'%s' did not find %s by %s: %s" % (query, pos, by, status))
         check(r["gphyid"] in d.text("#details"), "'%s': the details are not those of %s" % (query, pos))
 
