@@ -57,7 +57,7 @@ class Fields
         if (it != row.end() && it->is_string()) {
             const std::string s = it->get<std::string>();
             char *end = nullptr;
-            const unsigned long v = std::strtoul(s.c_str(), &end, 16);
+            const unsigned long long v = std::strtoull(s.c_str(), &end, 16);
             if (s.size() > 2 && s.compare(0, 2, "0x") == 0 && *end == '\0' && v <= UINT32_MAX)
                 return static_cast<uint32_t>(v);
         }
