@@ -2,7 +2,7 @@
 # pmx on a private Redis server: what one process loads, other processes read (the library's
 # start-up and reads included), each record lands in the database and form the library reads,
 # a record printed by get --json loads back as the same record, and a follower process keeps its
-# caches current and serves them to another.
+# caches current and serves them to another (its tables, and pmx map of them).
 # Usage: pmx_tool_redis.sh <source dir> <pmx command...>   (an emulator's words may precede pmx)
 set -euo pipefail
 
@@ -60,9 +60,16 @@ follower=$!
 served() { [[ $("${pmx[@]}" dump --module libpmx_pmx ifx 2>/dev/null | tail -n 1) == "total: $1 interfaces" ]]; }
 for _ in $(seq 300); do served 35 && break; sleep 0.1; done
 served 35 || { cat "$dir/follow.err" >&2; fail "the follower did not load the 35 interfaces"; }
+# pmx map of the follower's caches, read through its debug shell, is the map of the database.
+map_data() { "${pmx[@]}" map "$@" -o "$dir/map.html" >/dev/null && sed 's/"source":"[^"]*"//' "$dir/map.html"; }
+map_data --module libpmx_pmx >"$dir/map.module"
+map_data --db "$url" >"$dir/map.db"
+cmp -s "$dir/map.module" "$dir/map.db" || fail "the follower's map differs from the database's"
 redis-cli -s "$dir/redis.sock" -n 26 del "u_intf.pmx_ifx_tbl|301" >/dev/null
 for _ in $(seq 300); do served 34 && break; sleep 0.1; done
 served 34 || fail "the follower did not follow the delete of interface 301"
+[[ $(map_data --module libpmx_pmx | grep -o '"absent"' | wc -l) == 1 ]] ||
+  fail "the follower's map does not show port 1/3/0/1 without its interface"
 notify=$("${pmx[@]}" dump --module libpmx_pmx notify)
 [[ $notify == *"LIBPMX_NOTIFY_LMODID_EVENT     has ready"* && $notify == *"LIBPMX_NOTIFY_MYCHSS_EVENT     has ready"* ]] ||
   fail "the follower's notify types: '$notify'"

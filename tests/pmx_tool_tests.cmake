@@ -223,3 +223,32 @@ set_tests_properties(pmx_tool_churn_seeded PROPERTIES
   ENVIRONMENT "PMX_DB=;PMX_CAP_FILE=;PMX_RUN_DIR=${CMAKE_CURRENT_BINARY_DIR}/pmx_tool_run_churn")
 pmx_db_test(churn_bad_rate EXPECT_FAIL ARGS "churn|${pmx_chassis_dir}/small.topo.json|--rate|0/s"
   STDERR_REGEX "^pmx: --rate 0/s: give the changes per second, a number above 0")
+
+# pmx map: the summary of the sample chassis, and refusals named.
+pmx_db_test(map_small ARGS "map|--load|${pmx_chassis}|-o|map_small.html"
+  STDOUT_REGEX "^wrote map_small.html\n1 device, 6 cards, 29 ports and 2 back-plane ports, 35 interfaces \\(6 sub-interfaces\\)\n$")
+pmx_db_test(map_module_and_load EXPECT_FAIL ARGS "map|--module|libpmx_pmx|--load|${pmx_chassis}"
+  STDERR_REGEX "--module reads the tables of a running process: no --db or --load with it")
+pmx_db_test(map_unwritable EXPECT_FAIL ARGS "map|--load|${pmx_chassis}|-o|no-such-dir/map.html"
+  STDERR_REGEX "^pmx: cannot write no-such-dir/map.html\n$")
+pmx_db_test(map_not_serving EXPECT_FAIL ARGS "map|--module|absent"
+  STDERR_REGEX "module absent is not serving.*'dump_card_info json=1' failed in module absent\n$")
+
+# pmx map's page in headless Chromium, driven through chromedriver: the sample chassis against its
+# truth table, and a screenshot under test-artifacts/. Native builds without sanitizers only: the
+# browser is the host's own program.
+if(NOT CMAKE_CROSSCOMPILING AND NOT PMX_SANITIZE)
+  find_program(PMX_CHROMIUM chromium)
+  find_program(PMX_CHROMEDRIVER chromedriver)
+  find_package(Python3 COMPONENTS Interpreter)
+  if(PMX_CHROMIUM AND PMX_CHROMEDRIVER AND Python3_Interpreter_FOUND)
+    add_test(NAME pmx_tool_map_browser
+      COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/map_browser_test.py --pmx $<TARGET_FILE:pmx_tool>
+              --topology ${pmx_chassis_dir}/small.topo.json --artifacts ${PROJECT_BINARY_DIR}/test-artifacts
+              --chromium ${PMX_CHROMIUM} --chromedriver ${PMX_CHROMEDRIVER})
+    set_tests_properties(pmx_tool_map_browser PROPERTIES TIMEOUT 60 ENVIRONMENT "PMX_CAP_FILE=")
+  else()
+    message(WARNING "pmx map's browser test left out: it needs chromium, chromedriver and python3 "
+                    "(scripts/install-deps installs them)")
+  endif()
+endif()

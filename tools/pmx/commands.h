@@ -32,6 +32,7 @@ Command add_gen_command(CLI::App &app);
 Command add_history_command(CLI::App &app);
 Command add_get_command(CLI::App &app);
 Command add_load_command(CLI::App &app);
+Command add_map_command(CLI::App &app);
 Command add_query_command(CLI::App &app);
 Command add_shell_command(CLI::App &app);
 Command add_stats_command(CLI::App &app);
