@@ -223,3 +223,9 @@ set_tests_properties(pmx_tool_churn_seeded PROPERTIES
   ENVIRONMENT "PMX_DB=;PMX_CAP_FILE=;PMX_RUN_DIR=${CMAKE_CURRENT_BINARY_DIR}/pmx_tool_run_churn")
 pmx_db_test(churn_bad_rate EXPECT_FAIL ARGS "churn|${pmx_chassis_dir}/small.topo.json|--rate|0/s"
   STDERR_REGEX "^pmx: --rate 0/s: give the changes per second, a number above 0")
+
+# pmx check: nothing on the generated small and mixed chassis; each planted fault found under its
+# rule with its record and key; raw values that do not unpack, written into a private Redis.
+add_test(NAME pmx_tool_check
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/pmx_tool_check.sh ${PROJECT_SOURCE_DIR} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:pmx_tool>)
+set_tests_properties(pmx_tool_check PROPERTIES TIMEOUT ${pmx_test_timeout})

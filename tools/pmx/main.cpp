@@ -26,6 +26,7 @@ int main(int argc, char **argv)
     commands.push_back(pmx_tool::add_verify_command(app));
     commands.push_back(pmx_tool::add_follow_command(app));
     commands.push_back(pmx_tool::add_churn_command(app));
+    commands.push_back(pmx_tool::add_check_command(app));
 
     try {
         app.parse(argc, argv);
