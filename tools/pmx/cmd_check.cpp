@@ -1,5 +1,5 @@
 // pmx check: reads every record of the followed kinds straight from the database and reports each
-// inconsistency between them (docs/check.md), for an operator who suspects the data rather than
+// inconsistency between them (docs/check.md), for an operator who doubts the data rather than
 // the library.
 #include <CLI/CLI.hpp>
 
