@@ -146,6 +146,8 @@ check 2 --caps "$dir/absent.json"
 check 2 --db "unix://$dir/none/redis.sock"
 [[ $err == *"pmx: cannot read p_dev.dp_lib_my_info from database 1 of unix://$dir/none/redis.sock: no connection to the server" ]] ||
   fail "unreachable database: $err"
+check 0
+[[ $err == "pmx: note: embedded holds no record of the kinds the library follows" ]] || fail "empty database: $err"
 check 0 --help
 [[ $out == *"pmx check --db unix:///tmp/pmxdb/redis.sock"* ]] || fail "no example in --help: $out"
 

@@ -67,6 +67,8 @@ int check(const CheckOptions &opt)
         fail(error);
         return kExitUsage;
     }
+    if (snapshot.records == 0)
+        std::fprintf(stderr, "pmx: note: %s holds no record of the kinds the library follows\n", session.url().c_str());
     Report report;
     check_port_tables(snapshot, &report);
     check_module_tables(snapshot, &report);
