@@ -24,6 +24,7 @@ struct Command {
     std::function<int()> run; // runs it; returns the exit status
 };
 
+Command add_check_command(CLI::App &app);
 Command add_churn_command(CLI::App &app);
 Command add_decode_command(CLI::App &app);
 Command add_dump_command(CLI::App &app);

@@ -29,6 +29,7 @@ int main(int argc, char **argv)
     commands.push_back(pmx_tool::add_stats_command(app));
     commands.push_back(pmx_tool::add_history_command(app));
     commands.push_back(pmx_tool::add_map_command(app));
+    commands.push_back(pmx_tool::add_check_command(app));
 
     try {
         app.parse(argc, argv);
