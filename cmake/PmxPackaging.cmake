@@ -38,10 +38,12 @@ set(pmx_deb_version "${PROJECT_VERSION}-${PMX_PACKAGE_RELEASE}")
 # Architecture: dpkg's own for a native build; the cross toolchain's triplet mapped by
 # dpkg-architecture otherwise. dpkg-shlibdeps runs for native builds only (it reads the
 # host's package database, which knows nothing of the target's libraries).
-if(CMAKE_CROSSCOMPILING AND CMAKE_LIBRARY_ARCHITECTURE)
-  execute_process(COMMAND dpkg-architecture -t${CMAKE_LIBRARY_ARCHITECTURE} -qDEB_HOST_ARCH
-                  OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE
-                  ERROR_QUIET)
+if(CMAKE_CROSSCOMPILING)
+  if(CMAKE_LIBRARY_ARCHITECTURE)
+    execute_process(COMMAND dpkg-architecture -t${CMAKE_LIBRARY_ARCHITECTURE} -qDEB_HOST_ARCH
+                    OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE
+                    ERROR_QUIET)
+  endif()
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
 else()
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
