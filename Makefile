@@ -4,10 +4,11 @@
 #            the thread sanitizer, and a short run of every fuzz target.
 # make test-armhf: cross-build for 32-bit ARM and run every suite under qemu-arm.
 # make test-long: build, then the long runs alone (ctest label "long"; the presets leave them out).
+# make package: build, then the Debian packages (runtime, -dev, tools) in build/$(PRESET); docs/packages.md.
 PRESET ?= default
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps configure build demo test test-asan test-tsan test-armhf test-long fuzz bench clean
+.PHONY: all deps configure build demo test test-asan test-tsan test-armhf test-long fuzz bench package clean
 
 all: build
 
@@ -54,6 +55,9 @@ fuzz: deps
 
 bench: build
 	scripts/run-bench build/$(PRESET)
+
+package: build
+	cd build/$(PRESET) && cpack -G DEB
 
 clean:
 	rm -rf build
