@@ -5,6 +5,8 @@
 // Keys are asked in a shuffled order. BM_IntfMemory: heap bytes the table takes per interface,
 // index included. BM_CachedVsRedis: RedisRead reads one interface record from a private Redis
 // on a Unix socket through the typed getter (the reference); Cached asks the table.
+// BM_CountingCost: the cached ifx -> phyid lookup at 10k interfaces with the statistics counting
+// off (the reference) and on.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -15,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "libpmx_dbg.h"
 #include "libpmx_hash.h"
 #include "libpmx_intf.h"
 #include "libpmx_mom.h"
@@ -185,6 +188,20 @@ template <Impl I> void BM_CachedVsRedis(benchmark::State &state)
     }
 }
 
+template <bool Counting> void BM_CountingCost(benchmark::State &state)
+{
+    Table &t = Table::with(static_cast<uint32_t>(state.range(0)));
+    const int was = libpmx_stats_enabled();
+    libpmx_stats_enable(Counting ? 1 : 0);
+    size_t k = 0;
+    uint32_t phy = 0;
+    for (auto _ : state) {
+        if (libpmx_get_phyid_by_ifx_ext(t.order[k++ % t.n] + 1, &phy) != 0) state.SkipWithError("lookup failed");
+        benchmark::DoNotOptimize(phy);
+    }
+    libpmx_stats_enable(was);
+}
+
 } // namespace
 
 #define SIZES Arg(1000)->Arg(10000)->Arg(50000)
@@ -194,6 +211,8 @@ BENCHMARK_TEMPLATE(BM_IfxToPhyid, Impl::Chains)->Name("BM_IfxToPhyid<Chains>")->
 BENCHMARK_TEMPLATE(BM_PhyidToIfx, Impl::UnlockedMap)->Name("BM_PhyidToIfx<UnlockedMap>")->SIZES;
 BENCHMARK_TEMPLATE(BM_PhyidToIfx, Impl::Indexed)->Name("BM_PhyidToIfx<Indexed>")->SIZES;
 BENCHMARK_TEMPLATE(BM_PhyidToIfx, Impl::Chains)->Name("BM_PhyidToIfx<Chains>")->SIZES;
+BENCHMARK_TEMPLATE(BM_CountingCost, false)->Name("BM_CountingCost<Off>")->Arg(10000);
+BENCHMARK_TEMPLATE(BM_CountingCost, true)->Name("BM_CountingCost<On>")->Arg(10000);
 BENCHMARK(BM_IntfMemory)->Arg(50000)->Iterations(1);
 BENCHMARK_TEMPLATE(BM_CachedVsRedis, Impl::RedisRead)->Name("BM_CachedVsRedis<RedisRead>")->Arg(1000);
 BENCHMARK_TEMPLATE(BM_CachedVsRedis, Impl::Indexed)->Name("BM_CachedVsRedis<Cached>")->Arg(1000);

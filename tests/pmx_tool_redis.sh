@@ -70,6 +70,16 @@ for _ in $(seq 300); do served 34 && break; sleep 0.1; done
 served 34 || fail "the follower did not follow the delete of interface 301"
 [[ $(map_data --module libpmx_pmx | grep -o '"absent"' | wc -l) == 1 ]] ||
   fail "the follower's map does not show port 1/3/0/1 without its interface"
+# Why did interface 301 change: the follower's history has its add and then its delete, newest first.
+history=$("${pmx[@]}" history libpmx_pmx --key 'ifx:301}')
+[[ $(grep -oE '^[-0-9]+ [0-9:.]+ #[0-9]+ (add|delete) +u_intf.pmx_ifx_tbl UIntf__IfxIndex-\{ifx:301\}' <<<"$history" |
+  awk '{print $4}' | paste -sd,) == "delete,add" ]] || fail "the follower's history of ifx 301: '$history'"
+[[ $("${pmx[@]}" history libpmx_pmx --json --count 1 --record pmx_ifx_tbl) == '{"table":"history","rows":[{"seq":'*'"op":"delete"'*'"total":1}' ]] ||
+  fail "the follower's history as JSON"
+# Its statistics count the lookups that the dumps above did not make, and the applied changes.
+stats=$("${pmx[@]}" stats libpmx_pmx --json)
+[[ $stats == *'{"record":"u_intf.pmx_ifx_tbl",'*'"applied_adds":35,"applied_deletes":1}'* ]] ||
+  fail "the follower's statistics: '$stats'"
 notify=$("${pmx[@]}" dump --module libpmx_pmx notify)
 [[ $notify == *"LIBPMX_NOTIFY_LMODID_EVENT     has ready"* && $notify == *"LIBPMX_NOTIFY_MYCHSS_EVENT     has ready"* ]] ||
   fail "the follower's notify types: '$notify'"
@@ -80,4 +90,4 @@ grep -q '"op":"del","record":"u_intf.pmx_ifx_tbl","key":"UIntf__IfxIndex-{ifx:30
 for t in 1 2 3 4 5 6 7; do
   [[ $(grep -c "\"notify\":$t," "$dir/follow.jsonl") == 1 ]] || fail "notify type $t printed other than once"
 done
-echo "pmx on $url: load, get, whoami, JSON round trip and a follower passed"
+echo "pmx on $url: load, get, whoami, JSON round trip and a follower (its map, history and statistics) passed"
