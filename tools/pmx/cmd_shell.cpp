@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 
 #include <editline/readline.h>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +31,7 @@ struct ShellOptions {
     std::vector<std::string> words; // the command and its arguments, joined with spaces
     bool list = false;
     bool list_modules = false;
+    bool json = false; // the process list as JSON
     pid_t pid = 0; // 0: the only process serving the module
 };
 
@@ -162,6 +164,12 @@ int list_modules(const ShellOptions &opt)
     if (procs.empty())
         fail(opt.module.empty() ? std::string("no process serves a debug shell")
                                 : "module " + opt.module + " is not serving");
+    if (opt.json) {
+        nlohmann::ordered_json rows = nlohmann::ordered_json::array();
+        for (const auto &p : procs) rows.push_back({{"module", p.module}, {"pid", p.pid}, {"socket", p.path}});
+        std::printf("%s\n", nlohmann::ordered_json{{"table", "processes"}, {"rows", rows}, {"total", procs.size()}}.dump().c_str());
+        return kExitOk;
+    }
     print_processes(stdout, procs, "");
     return kExitOk;
 }
@@ -247,6 +255,7 @@ Command add_shell_command(CLI::App &app)
     sub->add_flag("--list", opt->list, "List the module's commands and exit");
     sub->add_flag("--list-modules", opt->list_modules,
                   "List the processes serving a debug shell (of MODULE only, when given) and exit");
+    sub->add_flag("--json", opt->json, "With --list-modules: the processes as one JSON object");
     sub->add_option("--pid", opt->pid, "The process to attach to, when several serve the module")
         ->check(CLI::PositiveNumber);
     return Command{sub, [opt] { return shell(*opt); }};

@@ -40,6 +40,7 @@ struct VerifyOptions {
     int show = 10;  // mismatches listed in full
     int jobs = 2;   // card processes at once
     bool progress = true;
+    bool json = false;
 };
 
 // Mode 0 last: a subcard port's sub-slot is learnt by the first lookup that may read.
@@ -301,6 +302,15 @@ int verify(VerifyOptions opt)
             running.push_back(run);
     }
     for (const Running &run : running) take(finish_card(run), run.card);
+    if (opt.json) {
+        Json summary = {{"topology", opt.topology}, {"cards", cards.size()}, {"ports", ports},
+                        {"answers", checked},       {"mismatches", bad},     {"errors", errors}};
+        summary["by_conversion_and_mode"] = Json::object();
+        for (const auto &[key, n] : by) summary["by_conversion_and_mode"][key] = n;
+        summary["first"] = first;
+        std::printf("%s\n", summary.dump().c_str());
+        return bad == 0 && errors == 0 ? kExitOk : kExitFailed;
+    }
     std::printf("verified %s: %zu cards, %lld ports, %lld answers checked, %lld mismatches\n", opt.topology.c_str(),
                 cards.size(), static_cast<long long>(ports), static_cast<long long>(checked),
                 static_cast<long long>(bad));
@@ -333,6 +343,8 @@ Command add_verify_command(CLI::App &app)
     sub->add_option("--jobs", opt->jobs, "Card processes at once (default 2; 1 with --db, whose singletons they share)")
         ->check(CLI::Range(1, 64));
     sub->add_flag("!--no-progress", opt->progress, "No progress bar on standard error");
+    sub->add_flag("--json", opt->json, "Print the summary as one JSON object (counts, mismatches by conversion and "
+                                       "mode, the first mismatches)");
     return Command{sub, [opt] { return verify(*opt); }};
 }
 

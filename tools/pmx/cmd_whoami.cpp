@@ -1,6 +1,7 @@
 // pmx whoami: starts the library as an application would and prints who the local card is and
 // the static attributes of its card type.
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <cinttypes>
 #include <cstdio>
@@ -26,11 +27,35 @@ constexpr int kSleepsPerSecond = 1000000 / LIBPMX_BLOCK_INTERVAL_US; // sleeps b
 struct WhoamiOptions {
     DbOptions db;
     int wait_seconds = 3;
+    bool json = false;
 };
+
+// What whoami prints: sections of labelled values, as text or as one JSON object.
+nlohmann::ordered_json g_report = nlohmann::ordered_json::object();
+std::string g_section;
+
+void section(const char *name)
+{
+    g_section = name;
+    g_report[g_section] = nlohmann::ordered_json::object();
+}
 
 void row(const char *label, const std::string &value)
 {
-    std::printf("  %-20s%s\n", label, value.c_str());
+    g_report[g_section][label] = value;
+}
+
+void print_report(bool json)
+{
+    if (json) {
+        std::printf("%s\n", g_report.dump().c_str());
+        return;
+    }
+    for (const auto &[name, rows] : g_report.items()) {
+        std::printf("%s\n", name.c_str());
+        for (const auto &[label, value] : rows.items())
+            std::printf("  %-20s%s\n", label.c_str(), value.get<std::string>().c_str());
+    }
 }
 
 std::string number(int32_t v)
@@ -71,7 +96,7 @@ void print_identity(int32_t *info)
     libpmx_get_my_dev_id(1);
     libpmx_get_my_info(info);
 
-    std::printf("local identity\n");
+    section("local identity");
     row("node type", enum_text(&p_dev__dm_node_type_e__descriptor, info[LIBPMX_MY_NODE_TYPE]));
     row("slot", number(info[LIBPMX_MY_SLOT_ID]));
     row("card type", number(info[LIBPMX_MY_CARD_TYPE]));
@@ -82,7 +107,7 @@ void print_identity(int32_t *info)
 
 void print_card_attributes(int32_t card_type)
 {
-    std::printf("card static attributes\n");
+    section("card static attributes");
     if (card_type == -1) {
         // They are the attributes of the local card type: without it the library would wait
         // for them in vain and then report zeros.
@@ -138,6 +163,7 @@ int whoami(const WhoamiOptions &opt)
     int32_t info[LIBPMX_MY_INFO_NUM];
     print_identity(info);
     print_card_attributes(info[LIBPMX_MY_CARD_TYPE]);
+    print_report(opt.json);
     std::fflush(stdout);
 
     // The library serves its debug commands from now on; this process has no use for them.
@@ -165,7 +191,9 @@ Command add_whoami_command(CLI::App &app)
                 "give print as unknown.\n"
                 "Examples:\n"
                 "  pmx whoami --load examples/chassis/small.json\n"
-                "  pmx whoami --db unix:///tmp/pmxdb/redis.sock --wait-seconds 10");
+                "  pmx whoami --db unix:///tmp/pmxdb/redis.sock --wait-seconds 10\n"
+                "  pmx whoami --load examples/chassis/small.json --json");
+    sub->add_flag("--json", opt->json, "Print one JSON object: each section's labelled values");
     sub->add_option("--wait-seconds", opt->wait_seconds,
                     "How long a read waits for a record that is not there yet")
         ->check(CLI::Range(0, 3600))

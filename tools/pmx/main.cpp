@@ -13,6 +13,17 @@ int main(int argc, char **argv)
     CLI::App app{"Inspect and drive libpmx, the port identity mapping library.", "pmx"};
     app.set_version_flag("--version", PMX_TOOL_VERSION);
     app.require_subcommand(1);
+    app.footer("Each subcommand's --help has examples. Tables print as JSON with --json.\n"
+               "Exit status: 0 done (nothing found, for check); 1 the command ran and failed or found something\n"
+               "(bad data, a mismatch, an inconsistency, a process not serving); 2 the command line was wrong.\n"
+               "Environment: PMX_DB (default database URL), PMX_CAP_FILE (capability file), PMX_RUN_DIR\n"
+               "(debug-shell sockets), PMX_LOG_LEVEL (platform log level; warn here). docs/operations.md has them all.\n"
+               "Examples:\n"
+               "  pmx gen examples/chassis/small.topo.json -o small.json\n"
+               "  pmx query --load small.json phyid 301\n"
+               "  pmx map --load small.json -o small-map.html\n"
+               "  pmx check --db unix:///run/pmx/redis.sock\n"
+               "  pmx stats libpmx_pmx; pmx history libpmx_pmx --key 'ifx:301}'");
 
     std::vector<pmx_tool::Command> commands;
     commands.push_back(pmx_tool::add_decode_command(app));
