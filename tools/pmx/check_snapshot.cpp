@@ -1,5 +1,7 @@
 #include "check_snapshot.h"
 
+#include "progress_bar.h"
+
 #include <charconv>
 #include <chrono>
 #include <cstdio>
@@ -160,43 +162,10 @@ void take(const char *key_text, const ProtobufCMessage *m, Snapshot *out)
     }
 }
 
-class ProgressLine
-{
-  public:
-    ProgressLine(bool show, size_t kinds) : show_(show), kinds_(kinds), start_(Clock::now()) {}
-
-    // Redrawn at most ten times a second, once the read is long enough to be worth it.
-    void update(size_t kinds_done, size_t records, const char *kind, bool force = false)
-    {
-        if (!show_) return;
-        const Clock::time_point now = Clock::now();
-        if (!shown_ && records < kShowFrom && now - start_ < std::chrono::milliseconds(500)) return;
-        if (!force && shown_ && now - last_ < std::chrono::milliseconds(100)) return;
-        constexpr size_t kWidth = 30;
-        const size_t filled = kinds_ == 0 ? kWidth : kinds_done * kWidth / kinds_;
-        std::fprintf(stderr, "\r[%s%s] %zu/%zu kinds, %zu records %-28s", std::string(filled, '#').c_str(),
-                     std::string(kWidth - filled, '.').c_str(), kinds_done, kinds_, records, kind);
-        std::fflush(stderr);
-        shown_ = true;
-        last_ = now;
-    }
-    void end()
-    {
-        if (shown_) std::fputc('\n', stderr);
-    }
-
-  private:
-    static constexpr size_t kShowFrom = 10000;
-    bool show_;
-    size_t kinds_;
-    Clock::time_point start_, last_{};
-    bool shown_ = false;
-};
-
 struct ScanState {
     Snapshot *out;
     const libpmx_record_kind_t *kind;
-    ProgressLine *progress;
+    ProgressBar *progress;
     size_t kinds_done;
 };
 
@@ -208,7 +177,7 @@ int on_record(const char *key, const ProtobufCMessage *record, void *arg)
         s->out->unpackable.push_back(RecordRef{s->kind->record, key});
     else
         take(key, record, s->out);
-    s->progress->update(s->kinds_done, s->out->records, s->kind->record->name);
+    s->progress->update(s->kinds_done, std::to_string(s->out->records) + " records, " + s->kind->record->name);
     return 0;
 }
 
@@ -219,21 +188,22 @@ int read_snapshot(const std::string &url, Snapshot *out, const ReadProgress &pro
     std::vector<const libpmx_record_kind_t *> kinds;
     for (uint32_t i = 0; const libpmx_record_kind_t *k = libpmx_record_kind_at(i); ++i)
         if (k->followed != 0) kinds.push_back(k);
-    ProgressLine line(progress.show, kinds.size());
+    ProgressBar line("pmx check: reading", "kinds", kinds.size(),
+                     progress.show ? ProgressBar::Show::Always : ProgressBar::Show::Never);
     void *ctx = qv_mom_get_thread_local_global();
     for (size_t i = 0; i < kinds.size(); ++i) {
         ScanState state{out, kinds[i], &line, i};
         const int rc = qv_mom_scan_sync(ctx, kinds[i]->db, kinds[i]->record, on_record, &state);
         if (rc < 0) {
-            line.end();
+            line.finish();
             *error = "cannot read " + std::string(kinds[i]->record->name) + " from database " +
                      std::to_string(kinds[i]->db) + " of " + url + ": " + mom_error_text(rc);
             return rc;
         }
         ++out->kinds;
-        line.update(i + 1, out->records, i + 1 < kinds.size() ? kinds[i + 1]->record->name : "", true);
+        line.update(i + 1, std::to_string(out->records) + " records");
     }
-    line.end();
+    line.finish();
     return 0;
 }
 

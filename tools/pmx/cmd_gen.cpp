@@ -12,6 +12,7 @@
 #include <string>
 
 #include "commands.h"
+#include "progress_bar.h"
 #include "db_session.h"
 #include "topology.h"
 
@@ -84,8 +85,9 @@ bool write_store(const GenCommandOptions &opt, const Chassis &c)
 {
     DbSession session;
     if (!session.open(opt.db)) return false;
-    bool bar = opt.progress || isatty(STDERR_FILENO) != 0;
     size_t total = c.records.size();
+    ProgressBar bar("pmx gen: writing", "records", total,
+                    opt.progress ? ProgressBar::Show::Always : ProgressBar::Show::Auto);
     constexpr size_t kBatch = 1000;
     auto start = std::chrono::steady_clock::now();
     for (size_t i = 0; i < total; i += kBatch) {
@@ -93,18 +95,15 @@ bool write_store(const GenCommandOptions &opt, const Chassis &c)
         size_t at = i;
         int rc = session.write_batch(c.records, i, end, &at);
         if (rc != QV_MOM_OK) {
-            if (bar) std::fputc('\n', stderr);
+            bar.finish();
             fail("record " + std::to_string(at + 1) + " (" + c.records[at].kind()->name +
                  "): cannot write it to database " + std::to_string(c.records[at].db) + " of " +
                  session.url() + ": " + mom_error_text(rc));
             return false;
         }
-        if (bar) {
-            std::fprintf(stderr, "\rpmx gen: writing %zu/%zu records (%zu%%)", end, total, end * 100 / total);
-            std::fflush(stderr);
-        }
+        bar.update(end);
     }
-    if (bar && total > 0) std::fputc('\n', stderr);
+    bar.finish();
     double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("wrote %zu records into %s in %.2f s\n", total, session.url().c_str(), seconds);

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "progress_bar.h"
 #include "db_session.h"
 #include "libpmx_cap.h"
 #include "libpmx_errno.h"
@@ -240,16 +241,6 @@ Json finish_card(const Running &run)
     return Json::parse(text, nullptr, false);
 }
 
-void progress(size_t done, size_t all, const std::string &card)
-{
-    constexpr size_t kWidth = 30;
-    const size_t filled = all == 0 ? kWidth : done * kWidth / all;
-    std::fprintf(stderr, "\r[%s%s] %zu/%zu cards %-12s", std::string(filled, '#').c_str(),
-                 std::string(kWidth - filled, '.').c_str(), done, all, card.c_str());
-    if (done == all) std::fprintf(stderr, "\n");
-    std::fflush(stderr);
-}
-
 int verify(VerifyOptions opt)
 {
     if (!opt.db.empty()) opt.jobs = 1; // the cards' local records are singletons of one store
@@ -270,9 +261,10 @@ int verify(VerifyOptions opt)
     std::map<std::string, int64_t> by;
     Json first = Json::array();
     size_t done = 0;
+    ProgressBar bar("pmx verify:", "cards", cards.size(),
+                    opt.progress ? ProgressBar::Show::Always : ProgressBar::Show::Never);
     auto take = [&](const Json &r, const std::string &card) {
-        ++done;
-        if (opt.progress) progress(done, cards.size(), card);
+        bar.update(++done, card);
         if (r.is_discarded() || r.contains("error")) {
             ++errors;
             std::fprintf(stderr, "\npmx: card %s: %s\n", card.c_str(),
@@ -288,7 +280,6 @@ int verify(VerifyOptions opt)
     };
     // Up to opt.jobs card processes at once; results taken in the order the cards started.
     std::vector<Running> running;
-    if (opt.progress) progress(0, cards.size(), "");
     for (const std::string &card : cards) {
         if (static_cast<int>(running.size()) >= opt.jobs) {
             take(finish_card(running.front()), running.front().card);
@@ -302,6 +293,7 @@ int verify(VerifyOptions opt)
             running.push_back(run);
     }
     for (const Running &run : running) take(finish_card(run), run.card);
+    bar.finish();
     if (opt.json) {
         Json summary = {{"topology", opt.topology}, {"cards", cards.size()}, {"ports", ports},
                         {"answers", checked},       {"mismatches", bad},     {"errors", errors}};

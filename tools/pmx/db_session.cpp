@@ -1,5 +1,9 @@
 #include "db_session.h"
 
+#include <algorithm>
+
+#include "progress_bar.h"
+
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -120,9 +124,13 @@ int apply_followed_records(size_t *applied)
 {
     size_t count = 0;
     void *ctx = qv_mom_get_thread_local_global();
+    uint32_t kinds = 0;
+    while (libpmx_record_kind_at(kinds) != nullptr) ++kinds;
+    ProgressBar bar("pmx: applying", "record kinds", kinds);
     for (uint32_t i = 0;; ++i) {
         const libpmx_record_kind_t *kind = libpmx_record_kind_at(i);
         if (kind == nullptr) break;
+        bar.update(i, std::to_string(count) + " records, " + kind->record->name);
         if (kind->followed == 0) continue;
         const int rc = qv_mom_scan_sync(
             ctx, kind->db, kind->record,
@@ -133,6 +141,7 @@ int apply_followed_records(size_t *applied)
             },
             &count);
         if (rc < 0) {
+            bar.finish();
             fail("cannot scan " + std::string(kind->record->name) + " in database " + std::to_string(kind->db) +
                  ": " + mom_error_text(rc));
             return rc;
@@ -150,14 +159,21 @@ long DbSession::load(const std::string &path)
         fail(error);
         return -1;
     }
-    for (size_t i = 0; i < records.size(); ++i) {
-        int rc = write(records[i]);
+    // In batches of 1,000: one pipeline each on Redis.
+    constexpr size_t kBatch = 1000;
+    ProgressBar bar("pmx: loading " + path, "records", records.size());
+    for (size_t i = 0; i < records.size(); i += kBatch) {
+        const size_t end = std::min(records.size(), i + kBatch);
+        size_t at = i;
+        const int rc = write_batch(records, i, end, &at);
         if (rc != QV_MOM_OK) {
-            fail(path + ": record " + std::to_string(i + 1) + " (" + records[i].kind()->name +
-                 "): cannot write it to database " + std::to_string(records[i].db) + " of " +
-                 url() + ": " + mom_error_text(rc));
+            bar.finish();
+            fail(path + ": record " + std::to_string(at + 1) + " (" + records[at].kind()->name +
+                 "): cannot write it to database " + std::to_string(records[at].db) + " of " + url() + ": " +
+                 mom_error_text(rc));
             return -1;
         }
+        bar.update(end);
     }
     return static_cast<long>(records.size());
 }
