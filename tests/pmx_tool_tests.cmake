@@ -120,9 +120,10 @@ pmx_db_test(get_key_count EXPECT_FAIL ARGS "get|u_intf.pmx_mod_tbl|1|3"
 # Edge values of each integer width, hex strings, an enum by number, bytes with blanks and 0x.
 pmx_db_test(load_values ARGS "get|--load|${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_load_values.json|--compact|p_dev.dm_card_stattr_t|7"
   STDOUT_REGEX "mgmt_type:23-MGMT,cpu_name_array:\\[\"cpu\\|0\",\"\"\\],.*,lport:-2147483648,.*,intf_attr:-9223372036854775808,.*,cap_flag:9223372036854775807,.*,mac_attr:PDev__DmPortMacAttr-{use_card_mac:true,mac_offset:0,mac_addr:6-bytes-02504D000103},.*,phy_channel:4294967295,")
-# An error deep in a record names the file, the record and the field path.
+# An error deep in a record names the file, the line the record starts on, the record with its
+# key, and the field path.
 pmx_db_test(load_bad_field EXPECT_FAIL ARGS "load|${CMAKE_CURRENT_SOURCE_DIR}/data/pmx_load_bad_field.json"
-  STDERR_REGEX "pmx_load_bad_field.json: record 2 \\(p_dev.dm_card_stattr_t\\): value.chip_attr_array\\[0\\].port_attr\\[1\\].lport: 4294967296 is out of range for int32\n")
+  STDERR_REGEX "pmx_load_bad_field.json:4: record 2 \\(p_dev.dm_card_stattr_t, key {\"type\":12}\\): value.chip_attr_array\\[0\\].port_attr\\[1\\].lport: 4294967296 is out of range for int32\n")
 
 # One query of the library with its read mode; phyids decoded; each refusal named with its code.
 pmx_db_test(query_phyid ARGS "query|--load|${pmx_chassis}|phyid|301|--mode|1"

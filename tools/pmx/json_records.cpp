@@ -447,6 +447,63 @@ MessagePtr new_message(const ProtobufCMessageDescriptor *desc)
 namespace
 {
 
+// The line (1-based) on which each element of the top-level "records" array starts, found by a
+// scan of the text that follows strings, so that errors can name the line of their record.
+std::vector<size_t> record_lines(const std::string &text)
+{
+    std::vector<size_t> lines;
+    size_t line = 1, depth = 0;
+    bool in_string = false, escaped = false, in_records = false, want_value = false;
+    std::string last_key, current;
+    for (char c : text) {
+        if (c == '\n') ++line;
+        if (in_string) {
+            if (escaped)
+                escaped = false;
+            else if (c == '\\')
+                escaped = true;
+            else if (c == '"')
+                in_string = false;
+            else
+                current += c;
+            continue;
+        }
+        if (c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
+        if (in_records && depth == 2 && want_value && c != ']') {
+            lines.push_back(line);
+            want_value = false;
+        }
+        switch (c) {
+        case '"':
+            in_string = true;
+            current.clear();
+            break;
+        case ':':
+            if (depth == 1) last_key = current;
+            break;
+        case '{':
+        case '[':
+            ++depth;
+            if (depth == 2 && c == '[' && last_key == "records") {
+                in_records = true;
+                want_value = true;
+            }
+            break;
+        case '}':
+        case ']':
+            if (depth == 2 && in_records && c == ']') in_records = false;
+            if (depth > 0) --depth;
+            break;
+        case ',':
+            if (depth == 2 && in_records) want_value = true;
+            break;
+        default:
+            break;
+        }
+    }
+    return lines;
+}
+
 // A record file's text; `name` stands for the file in errors.
 bool parse_records(const std::string &text, const std::string &name, std::vector<Record> *records,
                    std::string *error)
@@ -475,9 +532,11 @@ bool parse_records(const std::string &text, const std::string &name, std::vector
 
     std::vector<Record> out;
     const json &list = doc["records"];
+    const std::vector<size_t> lines = record_lines(text);
     for (size_t i = 0; i < list.size(); ++i) {
         const json &entry = list[i];
-        std::string where = name + ": record " + std::to_string(i + 1);
+        std::string where = name + (i < lines.size() ? ":" + std::to_string(lines[i]) : std::string()) +
+                            ": record " + std::to_string(i + 1);
         try {
             if (!entry.is_object()) fail_at("", "expected an object, got " + json_kind(entry));
             for (const auto &[k, v] : entry.items()) {
@@ -492,7 +551,8 @@ bool parse_records(const std::string &text, const std::string &name, std::vector
             if (desc == nullptr) fail_at("record", unknown_kind_error(kind_name));
             if (!is_record_kind(desc))
                 fail_at("record", kind_name + " is a part of other records, not a record");
-            where += " (" + kind_name + ")";
+            where += " (" + kind_name +
+                     (entry.contains("key") ? ", key " + entry["key"].dump() : std::string()) + ")";
 
             Record r;
             bool has_db = default_placement(desc, &r.db, &r.form);
