@@ -640,7 +640,7 @@ extern "C" int libpmx_phy_k2v_hash_remove(uint32_t idx, const libpmx_phy_k2v_t *
 }
 extern "C" libpmx_phy_k2v_t *libpmx_phy_k2v_hash_find(uint32_t idx, const void *key)
 {
-    return KeyedTable<PhyK2v>(phy_table(idx)).find(key);
+    return counted_find<PhyK2v>(phy_table(idx), key);
 }
 extern "C" int libpmx_phy_k2v_hash_traverse(uint32_t idx, libpmx_hash_op_t op, void *arg)
 {
@@ -675,7 +675,7 @@ extern "C" libpmx_phy_k2v_t *libpmx_phy_k2v_get(uint32_t idx, uint32_t key)
 {
     libpmx_phy_k2v_t k{};
     k.key = key;
-    return KeyedTable<PhyK2v>(phy_table(idx)).find(&k);
+    return counted_find<PhyK2v>(phy_table(idx), &k);
 }
 extern "C" int libpmx_phy_k2v_entry_each_item_op(uint32_t idx, libpmx_hash_op_t op, void *arg,
                                                  int sorted)
