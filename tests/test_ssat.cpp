@@ -480,6 +480,9 @@ TEST_F(SsatTest, OnlyTheOwnerAndTheNamedGroupMayAttach)
     setenv("PMX_SHELL_GROUP", "no-such-group-here", 1);
     EXPECT_EQ(serve("g4"), SSAT_E_SOCKET);
     EXPECT_TRUE(logged("PMX_SHELL_GROUP names group 'no-such-group-here'", "does not know"));
+    setenv("PMX_SHELL_GROUP", "4294967295", 1); // chown would read it as "keep the group"
+    EXPECT_EQ(serve("g5"), SSAT_E_SOCKET);
+    EXPECT_TRUE(logged("PMX_SHELL_GROUP=4294967295", "is no group number"));
     unsetenv("PMX_SHELL_GROUP");
 }
 

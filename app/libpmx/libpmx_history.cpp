@@ -119,8 +119,6 @@ private:
 
 struct Ring {
     std::mutex mutex;
-    bool configured = false;
-    size_t max_entries = kDefaultEntries;
     std::deque<Entry> entries; // oldest first
     size_t value_bytes = 0;
     uint64_t next_seq = 1;
@@ -128,7 +126,8 @@ struct Ring {
     KeyIndex index;
 };
 
-Ring g_ring;
+// Never destroyed: the event thread and the debug shell may still use it while the process exits.
+Ring &g_ring = *new Ring;
 
 size_t entries_from_environment()
 {
@@ -141,6 +140,18 @@ size_t entries_from_environment()
         return kDefaultEntries;
     }
     return static_cast<size_t>(n);
+}
+
+// PMX_HISTORY_SIZE, read on first use.
+size_t configured_entries()
+{
+    static const size_t n = entries_from_environment();
+    return n;
+}
+
+bool enabled()
+{
+    return configured_entries() != 0;
 }
 
 Value pack(const ProtobufCMessage *m)
@@ -172,11 +183,17 @@ const Entry *entry_of(const Ring &r, uint64_t seq)
     return &r.entries[seq - r.entries.front().seq];
 }
 
+// The bytes an entry is charged: its values, a shared old one included (it may outlive the
+// entry that brought it), so that the budget bounds what the ring keeps alive.
+size_t charge(const Entry &e)
+{
+    return (e.old_value ? e.old_value->size() : 0) + (e.new_value ? e.new_value->size() : 0);
+}
+
 void drop_oldest(Ring &r)
 {
     const Entry &e = r.entries.front();
-    // A delete holds the value it took away; an add or change its new one (its old is shared).
-    r.value_bytes -= e.op == Op::Delete ? e.old_value->size() : e.new_value->size();
+    r.value_bytes -= charge(e);
     r.entries.pop_front();
     ++r.dropped;
 }
@@ -185,7 +202,7 @@ void drop_oldest(Ring &r)
 
 void note(int event, const ProtobufCMessage *key, const ProtobufCMessage *record)
 {
-    if (record == nullptr || record->descriptor == nullptr) return;
+    if (record == nullptr || record->descriptor == nullptr || !enabled()) return;
     Ring &r = g_ring;
     Entry e{};
     clock_gettime(CLOCK_REALTIME, &e.when);
@@ -199,11 +216,6 @@ void note(int event, const ProtobufCMessage *key, const ProtobufCMessage *record
     const uint64_t fp = fingerprint(e.record, e.key);
 
     std::lock_guard<std::mutex> lock(r.mutex);
-    if (!r.configured) {
-        r.max_entries = entries_from_environment();
-        r.configured = true;
-    }
-    if (r.max_entries == 0) return;
     const uint64_t *last = r.index.find(fp);
     const Entry *previous = last != nullptr ? entry_of(r, *last) : nullptr;
     if (event == QV_MOM_EVENT_DEL) {
@@ -211,19 +223,18 @@ void note(int event, const ProtobufCMessage *key, const ProtobufCMessage *record
         e.op = Op::Delete;
         e.old_kept = true;
         e.old_value = std::move(value);
-        r.value_bytes += e.old_value->size();
         r.index.erase(fp);
     } else {
         e.op = last != nullptr ? Op::Change : Op::Add;
         e.old_kept = last == nullptr || previous != nullptr;
         if (previous != nullptr) e.old_value = previous->new_value;
         e.new_value = std::move(value);
-        r.value_bytes += e.new_value->size();
     }
+    r.value_bytes += charge(e);
     e.seq = r.next_seq++;
     if (e.op != Op::Delete) r.index.put(fp, e.seq);
     r.entries.push_back(std::move(e));
-    while (r.entries.size() > r.max_entries || (r.value_bytes > kMaxValueBytes && r.entries.size() > 1))
+    while (r.entries.size() > configured_entries() || (r.value_bytes > kMaxValueBytes && r.entries.size() > 1))
         drop_oldest(r);
 }
 
@@ -236,7 +247,8 @@ std::string compact(const ProtobufCMessageDescriptor *type, const std::string &p
     ProtobufCMessage *m = protobuf_c_message_unpack(type, nullptr, packed.size(),
                                                     reinterpret_cast<const uint8_t *>(packed.data()));
     if (m == nullptr) return "(does not unpack)";
-    std::vector<char> buf(64 * 1024);
+    thread_local std::vector<char> buf(64 * 1024);
+    buf[0] = '\0';
     libpmx_protoc_format_message_to_buffer(buf.data(), buf.size(), LIBPMX_FMT_COMPACT, m);
     protobuf_c_message_free_unpacked(m, nullptr);
     return buf.data();
@@ -271,8 +283,10 @@ struct Query {
 bool parse(const char *args, Query *q, std::string *why)
 {
     std::string_view rest = args != nullptr ? args : "";
-    const size_t key_at = rest.find("key=");
-    if (key_at != std::string_view::npos && (key_at == 0 || rest[key_at - 1] == ' ')) {
+    size_t key_at = rest.find("key=");
+    while (key_at != std::string_view::npos && key_at != 0 && rest[key_at - 1] != ' ' && rest[key_at - 1] != '\t')
+        key_at = rest.find("key=", key_at + 1);
+    if (key_at != std::string_view::npos) {
         std::string_view k = rest.substr(key_at + 4);
         while (!k.empty() && k.back() == ' ') k.remove_suffix(1);
         q->key = k;
@@ -321,7 +335,7 @@ int cmd_history(const char *args)
     {
         std::lock_guard<std::mutex> lock(g_ring.mutex);
         held = g_ring.entries.size();
-        max_entries = g_ring.configured ? g_ring.max_entries : entries_from_environment();
+        max_entries = configured_entries();
         index_keys = g_ring.index.size();
         index_bytes = g_ring.index.bytes();
         value_bytes = g_ring.value_bytes;

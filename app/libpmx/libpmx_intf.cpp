@@ -354,11 +354,8 @@ extern "C" int libpmx_get_ifx_by_phyid_block_detail(uint32_t phyid, uint32_t *if
     }
     // The port's card is present (its module and cid agree): wait for its record, unbounded.
     libpmx_intf_info_t rec{};
-    pmx::stats::WaitClock clock(pmx::Record::PHY_TBL);
-    while (libpmx_get_info_from_pmx_phy_tbl(phyid, &rec, 2) != LIBPMX_OK) {
-        clock.waited();
-        usleep(100000);
-    }
+    // Each read waits and is counted in the statistics by itself.
+    while (libpmx_get_info_from_pmx_phy_tbl(phyid, &rec, 2) != LIBPMX_OK) usleep(100000);
     *ifx = rec.ifx;
     PMX_INFO("phyid:0x%x ifx:%u", phyid, rec.ifx);
     return LIBPMX_OK;

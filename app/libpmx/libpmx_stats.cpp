@@ -191,9 +191,14 @@ const char *short_name(Record r)
     return full != nullptr ? full : "?";
 }
 
+uint64_t lookups(const uint64_t *c)
+{
+    return c[kHits] + c[kMisses];
+}
+
 bool cache_used(const Totals &t, uint32_t i)
 {
-    return t.cache[i][kLookups] != 0;
+    return lookups(t.cache[i]) != 0;
 }
 
 bool record_used(const Totals &t, uint32_t i)
@@ -210,8 +215,8 @@ void print_json(const Totals &t, bool all)
         for (uint32_t i = 0; i < kCaches; ++i) {
             if (!all && !cache_used(t, i)) continue;
             const uint64_t *c = t.cache[i];
-            table.row({num("cache", i), text("name", kCacheNames[i]), num("lookups", static_cast<int64_t>(c[kLookups])),
-                       num("hits", static_cast<int64_t>(c[kLookups] - c[kMisses])),
+            table.row({num("cache", i), text("name", kCacheNames[i]), num("lookups", static_cast<int64_t>(lookups(c))),
+                       num("hits", static_cast<int64_t>(c[kHits])),
                        num("misses", static_cast<int64_t>(c[kMisses]))});
         }
         table.end();
@@ -240,11 +245,10 @@ void print_text(const Totals &t, bool all)
             continue;
         }
         const uint64_t *c = t.cache[i];
-        const double pct = c[kLookups] != 0 ? 100.0 * static_cast<double>(c[kLookups] - c[kMisses]) /
-                                                  static_cast<double>(c[kLookups])
-                                            : 0.0;
-        ssat_printf("%-34s %12" PRIu64 " %12" PRIu64 " %12" PRIu64 " %7.2f\n", kCacheNames[i], c[kLookups],
-                    c[kLookups] - c[kMisses], c[kMisses], pct);
+        const double pct =
+            lookups(c) != 0 ? 100.0 * static_cast<double>(c[kHits]) / static_cast<double>(lookups(c)) : 0.0;
+        ssat_printf("%-34s %12" PRIu64 " %12" PRIu64 " %12" PRIu64 " %7.2f\n", kCacheNames[i], lookups(c), c[kHits],
+                    c[kMisses], pct);
     }
     ssat_printf("\n%-34s %9s %9s %7s %11s %10s %10s %10s\n", "record", "db reads", "failed", "waits", "wait ms",
                 "max ms", "applied+", "applied-");
@@ -318,6 +322,8 @@ extern "C" void libpmx_stats_reset(void)
 extern "C" int64_t libpmx_stats_cache_count(uint32_t cache, uint32_t field)
 {
     using namespace pmx::stats;
-    if (cache >= kCaches || field >= kCacheFields) return -1;
-    return static_cast<int64_t>(since_reset().cache[cache][field]);
+    if (cache >= kCaches || field > 1) return -1;
+    const Totals t = since_reset();
+    const uint64_t *c = t.cache[cache];
+    return static_cast<int64_t>(field == 0 ? lookups(c) : c[kMisses]);
 }

@@ -57,6 +57,11 @@ bool from_environment(Access *out, std::string *why)
     unsigned long id = 0;
     auto [p, ec] = std::from_chars(v, end, id);
     if (ec == std::errc() && p == end) {
+        // (gid_t)-1 would tell chown to leave the group as it is.
+        if (id >= static_cast<unsigned long>(static_cast<gid_t>(-1))) {
+            *why = std::string(kGroupVariable) + "=" + v + " is no group number";
+            return false;
+        }
         out->gid = static_cast<gid_t>(id);
         return true;
     }

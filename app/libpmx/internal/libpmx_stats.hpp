@@ -45,7 +45,8 @@ enum class Cache : uint32_t {
 inline constexpr uint32_t kCaches = static_cast<uint32_t>(Cache::COUNT);
 inline constexpr uint32_t kRecords = static_cast<uint32_t>(Record::COUNT);
 
-enum CacheField : uint32_t { kLookups, kMisses, kCacheFields };
+// Hits and misses, each only growing: a lookup is one or the other.
+enum CacheField : uint32_t { kHits, kMisses, kCacheFields };
 enum RecordField : uint32_t {
     kReads,        // database reads (the fall-backs of a cache miss, and reads of records never cached)
     kReadFailures, // of which returned no record
@@ -85,9 +86,7 @@ inline void count_lookup(Cache c, bool hit)
 {
     if (!g_counting.load(std::memory_order_relaxed)) [[unlikely]]
         return;
-    auto &row = block()->cache[static_cast<uint32_t>(c)];
-    bump(row[kLookups]);
-    if (!hit) bump(row[kMisses]);
+    bump(block()->cache[static_cast<uint32_t>(c)][hit ? kHits : kMisses]);
 }
 
 // A lookup of cache c; hands the result back so that a find can be wrapped.
