@@ -326,10 +326,7 @@ int cmd_history(const char *args)
     if (!parse(args, &q, &why))
         return dbg_usage("history", "[count=%u] [json=1] [record=NAME] [key=TEXT (the rest of the line)]", why);
     // Select under the lock, newest first; format after it.
-    struct Picked {
-        Entry entry;
-    };
-    std::vector<Picked> picked;
+    std::vector<Entry> picked; // copies: the values are shared, not copied
     size_t held = 0, max_entries = 0, index_keys = 0, index_bytes = 0, value_bytes = 0;
     uint64_t dropped = 0;
     {
@@ -342,13 +339,12 @@ int cmd_history(const char *args)
         dropped = g_ring.dropped;
         for (auto it = g_ring.entries.rbegin(); it != g_ring.entries.rend(); ++it) {
             if (!q.record.empty() && std::strstr(it->record->name, q.record.c_str()) == nullptr) continue;
-            picked.push_back({*it});
+            picked.push_back(*it);
             if (q.key.empty() && picked.size() >= q.count) break;
         }
     }
     std::vector<Shown> shown;
-    for (const Picked &p : picked) {
-        const Entry &e = p.entry;
+    for (const Entry &e : picked) {
         Shown s{e.seq, e.when, e.op, e.old_kept, e.record->name, {}, {}, {}};
         if (e.key_type != nullptr) s.key = compact(e.key_type, e.key);
         if (!q.key.empty() && s.key.find(q.key) == std::string::npos) continue;
