@@ -263,11 +263,14 @@ TEST_F(IntfTable, CardIdsCacheAndFallBacks)
 }
 
 // Two readers ask while a writer moves, deletes and re-adds interfaces: every answer is one the
-// table held at some moment (ifx i only ever has gphyid base + i or base + 64 + i).
+// table held at some moment (ifx i only ever has gphyid base + i or base + 4096 + i). Meanwhile
+// the table grows by thousands of interfaces (their answer maps move to larger arrays under the
+// readers' feet) and shrinks again.
 TEST_F(IntfTable, TwoReadersWhileTheTableChanges)
 {
     LogCapture quiet(0);
-    constexpr uint32_t kIfx = 200, kBase = 0x07000000;
+    constexpr uint32_t kIfx = 200, kBase = 0x07000000, kExtraIfx = 100000, kExtraBase = 0x07100000;
+    std::atomic<uint32_t> extras{0};
     std::atomic<bool> done{false};
     std::atomic<int> wrong{0}, answers{0};
     auto reader = [&](unsigned seed) {
@@ -280,11 +283,21 @@ TEST_F(IntfTable, TwoReadersWhileTheTableChanges)
             }
             const uint32_t p = kBase + (i - 1000) + (rand_r(&seed) % 2) * 4096;
             if (libpmx_get_ifx_by_phyid_ext(p, &ifx) == 0) wrong += ifx != i;
+            if (const uint32_t n = extras.load()) {
+                const uint32_t e = static_cast<uint32_t>(rand_r(&seed)) % n;
+                if (libpmx_get_phyid_by_ifx_ext(kExtraIfx + e, &phy) == 0) wrong += phy != kExtraBase + e;
+                if (libpmx_get_ifx_by_phyid_ext(kExtraBase + e, &ifx) == 0) wrong += ifx != kExtraIfx + e;
+            }
         }
     };
     std::thread r1(reader, 1u), r2(reader, 2u);
     // At least 40 rounds, and on until the readers have seen a good number of answers.
-    for (int round = 0; round < 40 || (answers.load() < 2000 && round < 200000); ++round)
+    for (int round = 0; round < 40 || (answers.load() < 2000 && round < 200000); ++round) {
+        for (uint32_t e = 0; round < 40 && e < 50; ++e) { // 2,000 more interfaces over the first rounds
+            libpmx_intf_info_t x = intf(kExtraIfx + extras.load(), kExtraBase + extras.load());
+            libpmx_add_intf_node(&x);
+            ++extras;
+        }
         for (uint32_t k = 0; k < kIfx; ++k) {
             libpmx_intf_info_t n = intf(1000 + k, kBase + k + ((round + k) % 2) * 4096);
             if ((round + k) % 7 == 0)
@@ -292,10 +305,17 @@ TEST_F(IntfTable, TwoReadersWhileTheTableChanges)
             else
                 libpmx_add_intf_node(&n);
         }
+    }
+    for (uint32_t e = 0; e < extras.load(); e += 2) libpmx_del_intf_node(kExtraIfx + e); // shrink under the readers
     done = true;
     r1.join();
     r2.join();
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_GT(answers.load(), 0);
+    uint32_t phy = 0, ifx = 0;
+    EXPECT_EQ(libpmx_get_phyid_by_ifx_ext(kExtraIfx + 1, &phy), 0);
+    EXPECT_EQ(phy, kExtraBase + 1);
+    EXPECT_EQ(libpmx_get_ifx_by_phyid_ext(kExtraBase + 2, &ifx), LIBPMX_E_NOT_FOUND) << "deleted before the readers ended";
     for (uint32_t k = 0; k < kIfx; ++k) libpmx_del_intf_node(1000 + k);
+    for (uint32_t e = 1; e < extras.load(); e += 2) libpmx_del_intf_node(kExtraIfx + e);
 }

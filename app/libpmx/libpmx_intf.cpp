@@ -239,6 +239,47 @@ extern "C" int libpmx_del_intf_node(uint32_t ifx)
 
 // ---- lookups ----
 
+namespace
+{
+
+using Answer = decltype(g_intf_table)::Answer;
+
+// The gphyid of ifx's first node, 0 when none. The answer is read without the lock when no
+// change overlaps the read (the hot path of every process), else under the lock.
+uint32_t cached_phyid_of(uint32_t ifx)
+{
+    const uint32_t seen = pmx::g_intf_lock.read_begin();
+    uint32_t phyid = 0;
+    const Answer a = g_intf_table.answer_phyid(ifx, &phyid);
+    if (a != Answer::Unknown && pmx::g_intf_lock.read_valid(seen)) {
+        pmx::stats::count_lookup(pmx::stats::Cache::IfxIndex, a == Answer::Found);
+        return a == Answer::Found ? phyid : 0;
+    }
+    Guard g(pmx::g_intf_lock, Access::Read);
+    const pmx::IntfNode *n = pmx::stats::lookup(pmx::stats::Cache::IfxIndex, g_intf_table.by_ifx(ifx));
+    return n != nullptr ? n->info.gphyid : 0;
+}
+
+// The ifx of phyid's first node into *ifx; false when none (*ifx untouched). Read as above.
+bool cached_ifx_of(uint32_t phyid, uint32_t *ifx)
+{
+    const uint32_t seen = pmx::g_intf_lock.read_begin();
+    uint32_t found = 0;
+    const Answer a = g_intf_table.answer_ifx(phyid, &found);
+    if (a != Answer::Unknown && pmx::g_intf_lock.read_valid(seen)) {
+        pmx::stats::count_lookup(pmx::stats::Cache::PhyidIndex, a == Answer::Found);
+        if (a == Answer::Found) *ifx = found;
+        return a == Answer::Found;
+    }
+    Guard g(pmx::g_intf_lock, Access::Read);
+    const pmx::IntfNode *n = pmx::stats::lookup(pmx::stats::Cache::PhyidIndex, g_intf_table.by_phyid(phyid));
+    if (n == nullptr) return false;
+    *ifx = n->info.ifx;
+    return true;
+}
+
+} // namespace
+
 extern "C" int libpmx_get_intf_node_by_ifx(uint32_t ifx, libpmx_intf_info_t *info)
 {
     if (info == nullptr) {
@@ -258,12 +299,7 @@ extern "C" int libpmx_get_phyid_by_ifx_detail(uint32_t ifx, uint32_t *gphyid, in
         PMX_WARN("input param is invalid");
         return gphyid == nullptr ? LIBPMX_E_FAIL : LIBPMX_E_INVAL;
     }
-    *gphyid = 0;
-    {
-        Guard g(pmx::g_intf_lock, Access::Read);
-        if (const pmx::IntfNode *n = pmx::stats::lookup(pmx::stats::Cache::IfxIndex, g_intf_table.by_ifx(ifx)))
-            *gphyid = n->info.gphyid;
-    }
+    *gphyid = cached_phyid_of(ifx);
     PMX_INFO("get phyid from cache, ifx:%u, phyid:0x%x", ifx, *gphyid);
     if (*gphyid != 0) return LIBPMX_OK;
     if (cache_op == 0) {
@@ -292,15 +328,7 @@ extern "C" int libpmx_get_ifx_by_phyid_detail(uint32_t phyid, uint32_t *ifx, int
         PMX_WARN("phyid:0 is invalid");
         return LIBPMX_E_NOT_FOUND;
     }
-    bool hit = false;
-    {
-        Guard g(pmx::g_intf_lock, Access::Read);
-        if (const pmx::IntfNode *n = pmx::stats::lookup(pmx::stats::Cache::PhyidIndex, g_intf_table.by_phyid(phyid))) {
-            *ifx = n->info.ifx;
-            hit = true;
-        }
-    }
-    if (hit) {
+    if (cached_ifx_of(phyid, ifx)) {
         PMX_INFO("get ifx:%u from cache by phyid:0x%x", *ifx, phyid);
         return LIBPMX_OK;
     }

@@ -8,11 +8,17 @@
 // lookups cost O(1) whatever the chain lengths. IntfTable<false> is the chains alone: the
 // reference that the differential test and the benchmarks hold the indexed table against.
 //
-// No method locks: the caller holds the interface-table lock (reading for lookups and walks,
-// writing for changes). The includer defines LIBPMX_LOG_SOURCE.
+// The indexed table also keeps the two answers of the hottest lookups, ifx -> gphyid and
+// gphyid -> ifx of each key's first node, in maps that a reader may read without the lock
+// (answer_phyid, answer_ifx; see SeqMap); they are empty while the index is off.
+//
+// No other method locks: the caller holds the interface-table lock (reading for lookups and
+// walks, writing for changes). The includer defines LIBPMX_LOG_SOURCE.
 #ifndef LIBPMX_INTF_TABLE_HPP
 #define LIBPMX_INTF_TABLE_HPP
 
+#include <atomic>
+#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +27,7 @@
 #include "libpmx_hash_table.hpp"
 #include "libpmx_intf.h"
 #include "libpmx_log.h"
+#include "libpmx_seq_map.hpp"
 
 namespace pmx
 {
@@ -43,17 +50,6 @@ inline IntfNode *node_of_ifx_link(libpmx_list_t *l)
 inline IntfNode *node_of_phy_link(libpmx_list_t *l)
 {
     return static_cast<IntfNode *>(static_cast<void *>(reinterpret_cast<char *>(l) - offsetof(IntfNode, phy_link)));
-}
-
-// The index hashes a 32-bit key with the murmur3 finaliser: cheaper than the caches' lookup2,
-// and its low bits (the bucket) depend on every key bit.
-inline uint32_t mix32(uint32_t h)
-{
-    h ^= h >> 16;
-    h *= 0x85ebca6bu;
-    h ^= h >> 13;
-    h *= 0xc2b2ae35u;
-    return h ^ (h >> 16);
 }
 
 // Index keys: a node is looked up by a probe node that carries only the key. Every probe of a
@@ -158,7 +154,8 @@ public:
         if constexpr (Indexed) {
             by_ifx_.reset();
             by_phy_.reset();
-            indexed_ = by_ifx_.init_once() && by_phy_.init_once();
+            clear_answers();
+            set_indexed_flag(by_ifx_.init_once() && by_phy_.init_once());
         }
         return !Indexed || indexed_;
     }
@@ -229,6 +226,13 @@ public:
         return hit;
     }
 
+    // The gphyid of ifx's first node (the ifx of gphyid's first node), read without the lock:
+    // the caller validates the answer against the lock's write count. Unknown while the index is
+    // off (the chains answer then) and for key 0, which the maps do not hold.
+    enum class Answer { Found, Absent, Unknown };
+    Answer answer_phyid(uint32_t ifx, uint32_t *gphyid) const { return answer(phy_of_ifx_, ifx, gphyid); }
+    Answer answer_ifx(uint32_t gphyid, uint32_t *ifx) const { return answer(ifx_of_phy_, gphyid, ifx); }
+
     // Every node, chain by chain (0 to 63) and head to tail: the order of the dumps.
     template <class F> void for_each_in_ifx_order(F f) const
     {
@@ -247,7 +251,8 @@ public:
     {
         if constexpr (!Indexed) return !on;
         if (!on || indexed_) {
-            indexed_ = indexed_ && on;
+            set_indexed_flag(indexed_ && on);
+            if (!indexed_) clear_answers();
             return true;
         }
         by_ifx_.reset();
@@ -259,8 +264,10 @@ public:
             for (libpmx_list_t *l = head.next; ok && l != &head; l = l->next) ok = by_ifx_.add(node_of_ifx_link(l));
         for (auto &head : phy_chains_)
             for (libpmx_list_t *l = head.next; ok && l != &head; l = l->next) ok = by_phy_.add(node_of_phy_link(l));
-        indexed_ = ok;
-        return ok;
+        set_indexed_flag(ok);
+        for (auto &head : ifx_chains_)
+            for (libpmx_list_t *l = head.next; indexed_ && l != &head; l = l->next) refresh_answers(node_of_ifx_link(l));
+        return indexed_;
     }
 
     uint32_t size() const { return count_; }
@@ -274,8 +281,10 @@ public:
         if constexpr (Indexed) {
             by_ifx_.release();
             by_phy_.release();
+            phy_of_ifx_.release();
+            ifx_of_phy_.release();
         }
-        indexed_ = false;
+        set_indexed_flag(false);
     }
 
     // Frees every node and starts empty again (tests, benchmarks).
@@ -351,21 +360,58 @@ private:
         list_append(&ifx_chains_[n->info.ifx & (LIBPMX_INTF_CHAINS - 1)], &n->ifx_link);
         list_append(&phy_chains_[n->info.gphyid & (LIBPMX_INTF_CHAINS - 1)], &n->phy_link);
         ++count_;
-        if constexpr (Indexed)
+        if constexpr (Indexed) {
             if (indexed_ && !(by_ifx_.add(n) && by_phy_.add(n))) drop_index();
+            if (indexed_) refresh_answers(n);
+        }
     }
     void unlink(IntfNode *n)
     {
         list_del(&n->ifx_link);
         list_del(&n->phy_link);
         --count_;
-        if constexpr (Indexed)
+        if constexpr (Indexed) {
             if (indexed_ && !(by_ifx_.remove(n) && by_phy_.remove(n))) drop_index();
+            if (indexed_) refresh_answers(n);
+        }
+    }
+    Answer answer(const SeqMap &m, uint32_t key, uint32_t *value) const
+    {
+        if (key == 0 || !answering_.load(std::memory_order_acquire)) return Answer::Unknown;
+        return m.find(key, value) ? Answer::Found : Answer::Absent;
+    }
+    void set_indexed_flag(bool on)
+    {
+        indexed_ = on;
+        answering_.store(on, std::memory_order_release);
+    }
+    // After n joined or left: the answers of its ifx and its gphyid, from their first nodes now.
+    void refresh_answers(const IntfNode *n)
+    {
+        const uint32_t ifx = n->info.ifx, gphyid = n->info.gphyid;
+        const IntfNode *first_ifx = find_ifx(ifx);
+        const IntfNode *first_phy = by_phyid(gphyid);
+        bool ok = true;
+        if (first_ifx != nullptr)
+            ok = phy_of_ifx_.set(ifx, first_ifx->info.gphyid);
+        else
+            phy_of_ifx_.erase(ifx);
+        if (first_phy != nullptr)
+            ok = ifx_of_phy_.set(gphyid, first_phy->info.ifx) && ok;
+        else
+            ifx_of_phy_.erase(gphyid);
+        if (!ok) drop_index();
+    }
+    void clear_answers()
+    {
+        phy_of_ifx_.clear();
+        ifx_of_phy_.clear();
     }
     // An index that could not grow no longer holds every key: the chains answer from then on.
     void drop_index()
     {
-        indexed_ = false;
+        set_indexed_flag(false);
+        clear_answers();
         PMX_LOG_AS("libpmx_intf_index", LIBPMX_ZLOG_ERROR, "NO MEMORY!!! interface index dropped at %u nodes, the chains answer",
                    count_);
     }
@@ -374,8 +420,10 @@ private:
     libpmx_list_t phy_chains_[LIBPMX_INTF_CHAINS] = {};
     uint32_t count_ = 0;
     bool indexed_ = false;
+    std::atomic<bool> answering_{false}; // indexed_, for the readers without the lock
     KeyIndex<NodeByIfx, &IntfNode::same_ifx_next, &IntfNode::same_ifx_prev> by_ifx_;
     KeyIndex<NodeByPhyid, &IntfNode::same_phy_next, &IntfNode::same_phy_prev> by_phy_;
+    SeqMap phy_of_ifx_, ifx_of_phy_;
 };
 
 } // namespace pmx

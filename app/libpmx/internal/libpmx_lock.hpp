@@ -8,6 +8,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -45,8 +46,22 @@ public:
     LockRank rank() const { return rank_; }
     pthread_rwlock_t *native() { return &lock_; }
 
+    // Optimistic reads, for the hottest lookups: a reader that reads without taking the lock
+    // keeps its answer only when no writer held the lock meanwhile, else it asks again under the
+    // lock. The count is odd while a writer holds the lock and grows by two with each write. The
+    // data so read must stay valid memory, be written with release stores and read with acquire
+    // loads: those order the reader's second look at the count after its reads.
+    uint32_t read_begin() const { return writes_.load(std::memory_order_acquire); }
+    bool read_valid(uint32_t begin) const
+    {
+        return (begin & 1u) == 0 && writes_.load(std::memory_order_relaxed) == begin;
+    }
+    void write_begin() { writes_.store(writes_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed); }
+    void write_end() { writes_.store(writes_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
+
 private:
     pthread_rwlock_t lock_ = PTHREAD_RWLOCK_INITIALIZER;
+    std::atomic<uint32_t> writes_{0};
     const char *name_;
     LockRank rank_;
 };
@@ -57,7 +72,7 @@ enum class Access { Read, Write };
 class Guard
 {
 public:
-    Guard(RwLock &lock, Access access) : lock_(lock)
+    Guard(RwLock &lock, Access access) : lock_(lock), write_(access == Access::Write)
     {
 #ifndef NDEBUG
         outer_ = held_;
@@ -72,10 +87,12 @@ public:
         held_ = &lock_;
         held_read_ = access == Access::Read;
 #endif
-        if (access == Access::Read)
+        if (access == Access::Read) {
             pthread_rwlock_rdlock(lock_.native());
-        else
+        } else {
             pthread_rwlock_wrlock(lock_.native());
+            lock_.write_begin();
+        }
     }
     ~Guard() { release(); }
     // Releases the lock before the end of the scope: the platform's result, 0 when already released.
@@ -87,6 +104,7 @@ public:
         held_ = outer_;
         held_read_ = outer_read_;
 #endif
+        if (write_) lock_.write_end();
         return pthread_rwlock_unlock(lock_.native());
     }
     Guard(const Guard &) = delete;
@@ -94,6 +112,7 @@ public:
 
 private:
     RwLock &lock_;
+    const bool write_;
     bool released_ = false;
 #ifndef NDEBUG
     // The order check of debug builds: the lock held before this one, and the innermost one.
