@@ -4,7 +4,10 @@
  *
  * The interface table and both id caches are guarded by one process-wide reader-writer lock,
  * the interface-table lock: lookups, walks and dumps read, changes write, and no database or
- * capability read is made while it is held. The read mode of the lookups (cache_op, flag): 0
+ * capability read is made while it is held. The two hottest lookups, ifx -> gphyid and gphyid
+ * -> ifx, first read their answer without the lock and keep it only when no change held the
+ * lock meanwhile; otherwise they ask again under the read lock, so their answers are those a
+ * read under the lock gives. The read mode of the lookups (cache_op, flag): 0
  * answers from the caches only (-7 when not there); any other value is passed unchanged to the
  * database read of the record on a miss (1 reads once, 2 reads and waits). */
 #ifndef LIBPMX_INTF_H
