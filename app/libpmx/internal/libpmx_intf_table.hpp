@@ -12,12 +12,11 @@
 // gphyid -> ifx of each key's first node, in maps that a reader may read without the lock
 // (answer_phyid, answer_ifx; see SeqMap); they are empty while the index is off.
 //
-// No other method locks: the caller holds the interface-table lock (reading for lookups and
-// walks, writing for changes). The includer defines LIBPMX_LOG_SOURCE.
+// Every other method needs the caller to hold the interface-table lock (reading for lookups
+// and walks, writing for changes). The includer defines LIBPMX_LOG_SOURCE.
 #ifndef LIBPMX_INTF_TABLE_HPP
 #define LIBPMX_INTF_TABLE_HPP
 
-#include <atomic>
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
@@ -77,27 +76,27 @@ struct NodeByPhyid {
 
 // One of the two lookups of the indexed table: the index from a key to the first node of its
 // ring. Ring is the pair of ring links of that key.
-template <class Traits, IntfNode *IntfNode::*Next, IntfNode *IntfNode::*Prev> class KeyIndex
+template <class Traits, IntfNode *IntfNode::*Next, IntfNode *IntfNode::*Prev, class Alloc> class KeyIndex
 {
 public:
     bool init_once()
     {
-        if (header_ == nullptr) header_ = KeyedTable<Traits>::new_header();
+        if (header_ == nullptr) header_ = KeyedTable<Traits, Alloc>::new_header();
         return header_ != nullptr;
     }
     // Forgets every key (the buckets are freed, the header stays).
     void reset()
     {
         if (header_ == nullptr) return;
-        std::free(header_->flags);
-        std::free(header_->keys);
+        Alloc::release(header_->flags);
+        Alloc::release(header_->keys);
         std::memset(header_, 0, sizeof *header_);
     }
     // Frees the index whole (a table that is going away).
     void release()
     {
         reset();
-        std::free(header_);
+        Alloc::release(header_);
         header_ = nullptr;
     }
     IntfNode *first(const IntfNode *probe) const { return header_ == nullptr ? nullptr : table().find(probe); }
@@ -135,11 +134,12 @@ public:
     }
 
 private:
-    KeyedTable<Traits> table() const { return KeyedTable<Traits>(header_); }
+    KeyedTable<Traits, Alloc> table() const { return KeyedTable<Traits, Alloc>(header_); }
     libpmx_hash_t *header_ = nullptr;
 };
 
-template <bool Indexed> class IntfTable
+// Alloc: how the index and the answer maps get memory (tests substitute one that fails).
+template <bool Indexed, class Alloc = MallocAlloc> class IntfTable
 {
 public:
     // Empty chains and, for the indexed table, empty indexes; false when those cannot be made.
@@ -375,7 +375,7 @@ private:
             if (indexed_) refresh_answers(n);
         }
     }
-    Answer answer(const SeqMap &m, uint32_t key, uint32_t *value) const
+    Answer answer(const SeqMap<Alloc> &m, uint32_t key, uint32_t *value) const
     {
         if (key == 0 || !answering_.load(std::memory_order_acquire)) return Answer::Unknown;
         return m.find(key, value) ? Answer::Found : Answer::Absent;
@@ -421,9 +421,9 @@ private:
     uint32_t count_ = 0;
     bool indexed_ = false;
     std::atomic<bool> answering_{false}; // indexed_, for the readers without the lock
-    KeyIndex<NodeByIfx, &IntfNode::same_ifx_next, &IntfNode::same_ifx_prev> by_ifx_;
-    KeyIndex<NodeByPhyid, &IntfNode::same_phy_next, &IntfNode::same_phy_prev> by_phy_;
-    SeqMap phy_of_ifx_, ifx_of_phy_;
+    KeyIndex<NodeByIfx, &IntfNode::same_ifx_next, &IntfNode::same_ifx_prev, Alloc> by_ifx_;
+    KeyIndex<NodeByPhyid, &IntfNode::same_phy_next, &IntfNode::same_phy_prev, Alloc> by_phy_;
+    SeqMap<Alloc> phy_of_ifx_, ifx_of_phy_;
 };
 
 } // namespace pmx

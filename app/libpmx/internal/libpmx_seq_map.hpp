@@ -2,9 +2,10 @@
 // lock (internal). Writers hold the owner's lock for writing; a reader that took no lock keeps
 // what find() said only when the lock's write count shows no writer meanwhile
 // (RwLock::read_begin / read_valid), since a find that overlaps a change may see any mix of
-// old and new slots. Slots are stored with release and read with acquire, as that check needs. Every slot is an atomic, and no slot array a reader may still hold is
-// freed while the map lives: a map that grows keeps its old arrays (together they are smaller
-// than the current one) until release().
+// old and new slots. Every slot is an atomic, stored with release and read with acquire, as
+// that check needs; no slot array a reader may still hold is freed while the map lives: a map
+// that grows keeps its old arrays (together they are smaller than the current one) until
+// release().
 //
 // Open addressing with linear probing, at most half full, and deletion by shifting the
 // following slots back (no tombstones, so churn never degrades it).
@@ -12,9 +13,12 @@
 #define LIBPMX_SEQ_MAP_HPP
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <new>
+
+#include "libpmx_hash_table.hpp"
 
 namespace pmx
 {
@@ -29,7 +33,8 @@ inline uint32_t mix32(uint32_t h)
     return h ^ (h >> 16);
 }
 
-class SeqMap
+// Alloc: the caches' allocation policy (tests substitute one that fails on demand).
+template <class Alloc = MallocAlloc> class SeqMap
 {
 public:
     SeqMap() = default;
@@ -112,7 +117,7 @@ public:
         Array *a = cur();
         while (a != nullptr) {
             Array *older = a->older;
-            std::free(a);
+            Alloc::release(a);
             a = older;
         }
         cur_.store(nullptr, std::memory_order_relaxed);
@@ -160,8 +165,8 @@ private:
     {
         Array *old = cur();
         const uint32_t slots = old == nullptr ? kFirstSlots : 2 * (old->mask + 1);
-        if (slots == 0) return false;
-        void *mem = std::malloc(bytes_for(slots));
+        if (slots == 0 || slots > (SIZE_MAX - sizeof(Array)) / sizeof(Slot)) return false;
+        void *mem = Alloc::alloc(bytes_for(slots));
         if (mem == nullptr) return false;
         auto *a = new (mem) Array{slots - 1, old, nullptr};
         a->slots = static_cast<Slot *>(static_cast<void *>(static_cast<char *>(mem) + sizeof(Array)));
