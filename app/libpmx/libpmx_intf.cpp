@@ -244,37 +244,24 @@ namespace
 
 using Answer = decltype(g_intf_table)::Answer;
 
-// The gphyid of ifx's first node, 0 when none. The answer is read without the lock when no
-// change overlaps the read (the hot path of every process), else under the lock.
-uint32_t cached_phyid_of(uint32_t ifx)
+// The answer of the first node of key into *out: its gphyid when by_ifx, else its ifx; false when
+// there is none (*out untouched). Read without the lock when no change overlaps the read (the
+// hot path of every process), else under the lock.
+bool cached_answer(bool by_ifx, uint32_t key, uint32_t *out)
 {
+    const auto cache = by_ifx ? pmx::stats::Cache::IfxIndex : pmx::stats::Cache::PhyidIndex;
     const uint32_t seen = pmx::g_intf_lock.read_begin();
-    uint32_t phyid = 0;
-    const Answer a = g_intf_table.answer_phyid(ifx, &phyid);
+    uint32_t value = 0;
+    const Answer a = by_ifx ? g_intf_table.answer_phyid(key, &value) : g_intf_table.answer_ifx(key, &value);
     if (a != Answer::Unknown && pmx::g_intf_lock.read_valid(seen)) {
-        pmx::stats::count_lookup(pmx::stats::Cache::IfxIndex, a == Answer::Found);
-        return a == Answer::Found ? phyid : 0;
-    }
-    Guard g(pmx::g_intf_lock, Access::Read);
-    const pmx::IntfNode *n = pmx::stats::lookup(pmx::stats::Cache::IfxIndex, g_intf_table.by_ifx(ifx));
-    return n != nullptr ? n->info.gphyid : 0;
-}
-
-// The ifx of phyid's first node into *ifx; false when none (*ifx untouched). Read as above.
-bool cached_ifx_of(uint32_t phyid, uint32_t *ifx)
-{
-    const uint32_t seen = pmx::g_intf_lock.read_begin();
-    uint32_t found = 0;
-    const Answer a = g_intf_table.answer_ifx(phyid, &found);
-    if (a != Answer::Unknown && pmx::g_intf_lock.read_valid(seen)) {
-        pmx::stats::count_lookup(pmx::stats::Cache::PhyidIndex, a == Answer::Found);
-        if (a == Answer::Found) *ifx = found;
+        pmx::stats::count_lookup(cache, a == Answer::Found);
+        if (a == Answer::Found) *out = value;
         return a == Answer::Found;
     }
     Guard g(pmx::g_intf_lock, Access::Read);
-    const pmx::IntfNode *n = pmx::stats::lookup(pmx::stats::Cache::PhyidIndex, g_intf_table.by_phyid(phyid));
+    const pmx::IntfNode *n = pmx::stats::lookup(cache, by_ifx ? g_intf_table.by_ifx(key) : g_intf_table.by_phyid(key));
     if (n == nullptr) return false;
-    *ifx = n->info.ifx;
+    *out = by_ifx ? n->info.gphyid : n->info.ifx;
     return true;
 }
 
@@ -299,7 +286,8 @@ extern "C" int libpmx_get_phyid_by_ifx_detail(uint32_t ifx, uint32_t *gphyid, in
         PMX_WARN("input param is invalid");
         return gphyid == nullptr ? LIBPMX_E_FAIL : LIBPMX_E_INVAL;
     }
-    *gphyid = cached_phyid_of(ifx);
+    *gphyid = 0;
+    cached_answer(true, ifx, gphyid);
     PMX_INFO("get phyid from cache, ifx:%u, phyid:0x%x", ifx, *gphyid);
     if (*gphyid != 0) return LIBPMX_OK;
     if (cache_op == 0) {
@@ -328,7 +316,7 @@ extern "C" int libpmx_get_ifx_by_phyid_detail(uint32_t phyid, uint32_t *ifx, int
         PMX_WARN("phyid:0 is invalid");
         return LIBPMX_E_NOT_FOUND;
     }
-    if (cached_ifx_of(phyid, ifx)) {
+    if (cached_answer(false, phyid, ifx)) {
         PMX_INFO("get ifx:%u from cache by phyid:0x%x", *ifx, phyid);
         return LIBPMX_OK;
     }

@@ -155,9 +155,9 @@ public:
             by_ifx_.reset();
             by_phy_.reset();
             clear_answers();
-            set_indexed_flag(by_ifx_.init_once() && by_phy_.init_once());
+            set_indexing(by_ifx_.init_once() && by_phy_.init_once());
         }
-        return !Indexed || indexed_;
+        return !Indexed || indexing();
     }
 
     // Updates the node of info's ifx: 1, or 0 when no node has it (the conflict scan and its
@@ -215,7 +215,7 @@ public:
     const IntfNode *by_ifx(uint32_t ifx) const { return find_ifx(ifx); }
     const IntfNode *by_phyid(uint32_t phyid) const
     {
-        if (Indexed && indexed_) {
+        if (Indexed && indexing()) {
             const Probe p(0, phyid);
             return by_phy_.first(&p.node);
         }
@@ -250,9 +250,9 @@ public:
     bool set_indexed(bool on)
     {
         if constexpr (!Indexed) return !on;
-        if (!on || indexed_) {
-            set_indexed_flag(indexed_ && on);
-            if (!indexed_) clear_answers();
+        if (!on || indexing()) {
+            set_indexing(indexing() && on);
+            if (!indexing()) clear_answers();
             return true;
         }
         by_ifx_.reset();
@@ -264,14 +264,14 @@ public:
             for (libpmx_list_t *l = head.next; ok && l != &head; l = l->next) ok = by_ifx_.add(node_of_ifx_link(l));
         for (auto &head : phy_chains_)
             for (libpmx_list_t *l = head.next; ok && l != &head; l = l->next) ok = by_phy_.add(node_of_phy_link(l));
-        set_indexed_flag(ok);
+        set_indexing(ok);
         for (auto &head : ifx_chains_)
-            for (libpmx_list_t *l = head.next; indexed_ && l != &head; l = l->next) refresh_answers(node_of_ifx_link(l));
-        return indexed_;
+            for (libpmx_list_t *l = head.next; indexing() && l != &head; l = l->next) refresh_answers(node_of_ifx_link(l));
+        return indexing();
     }
 
     uint32_t size() const { return count_; }
-    bool indexed() const { return Indexed && indexed_; }
+    bool indexed() const { return Indexed && indexing(); }
 
     // Frees the nodes and the index: for a table that goes away (the library's own lives as long
     // as the process, so that no thread at exit meets a freed table).
@@ -284,7 +284,7 @@ public:
             phy_of_ifx_.release();
             ifx_of_phy_.release();
         }
-        set_indexed_flag(false);
+        set_indexing(false);
     }
 
     // Frees every node and starts empty again (tests, benchmarks).
@@ -321,7 +321,7 @@ private:
 
     IntfNode *find_ifx(uint32_t ifx) const
     {
-        if (Indexed && indexed_) {
+        if (Indexed && indexing()) {
             const Probe p(ifx, 0);
             return by_ifx_.first(&p.node);
         }
@@ -339,7 +339,7 @@ private:
     // The nodes whose gphyid is phyid, in chain order.
     template <class F> void for_each_with_phyid(uint32_t phyid, F f) const
     {
-        if (Indexed && indexed_) {
+        if (Indexed && indexing()) {
             const Probe p(0, phyid);
             const IntfNode *first = by_phy_.first(&p.node);
             if (first == nullptr) return;
@@ -361,8 +361,8 @@ private:
         list_append(&phy_chains_[n->info.gphyid & (LIBPMX_INTF_CHAINS - 1)], &n->phy_link);
         ++count_;
         if constexpr (Indexed) {
-            if (indexed_ && !(by_ifx_.add(n) && by_phy_.add(n))) drop_index();
-            if (indexed_) refresh_answers(n);
+            if (indexing() && !(by_ifx_.add(n) && by_phy_.add(n))) drop_index();
+            if (indexing()) refresh_answers(n);
         }
     }
     void unlink(IntfNode *n)
@@ -371,20 +371,18 @@ private:
         list_del(&n->phy_link);
         --count_;
         if constexpr (Indexed) {
-            if (indexed_ && !(by_ifx_.remove(n) && by_phy_.remove(n))) drop_index();
-            if (indexed_) refresh_answers(n);
+            if (indexing() && !(by_ifx_.remove(n) && by_phy_.remove(n))) drop_index();
+            if (indexing()) refresh_answers(n);
         }
     }
     Answer answer(const SeqMap<Alloc> &m, uint32_t key, uint32_t *value) const
     {
-        if (key == 0 || !answering_.load(std::memory_order_acquire)) return Answer::Unknown;
+        if (key == 0 || !indexed_.load(std::memory_order_acquire)) return Answer::Unknown;
         return m.find(key, value) ? Answer::Found : Answer::Absent;
     }
-    void set_indexed_flag(bool on)
-    {
-        indexed_ = on;
-        answering_.store(on, std::memory_order_release);
-    }
+    // Under the lock; the readers without it load the flag with acquire (answer()).
+    bool indexing() const { return indexed_.load(std::memory_order_relaxed); }
+    void set_indexing(bool on) { indexed_.store(on, std::memory_order_release); }
     // After n joined or left: the answers of its ifx and its gphyid, from their first nodes now.
     void refresh_answers(const IntfNode *n)
     {
@@ -410,7 +408,7 @@ private:
     // An index that could not grow no longer holds every key: the chains answer from then on.
     void drop_index()
     {
-        set_indexed_flag(false);
+        set_indexing(false);
         clear_answers();
         PMX_LOG_AS("libpmx_intf_index", LIBPMX_ZLOG_ERROR, "NO MEMORY!!! interface index dropped at %u nodes, the chains answer",
                    count_);
@@ -419,8 +417,7 @@ private:
     libpmx_list_t ifx_chains_[LIBPMX_INTF_CHAINS] = {};
     libpmx_list_t phy_chains_[LIBPMX_INTF_CHAINS] = {};
     uint32_t count_ = 0;
-    bool indexed_ = false;
-    std::atomic<bool> answering_{false}; // indexed_, for the readers without the lock
+    std::atomic<bool> indexed_{false}; // also read by the readers without the lock
     KeyIndex<NodeByIfx, &IntfNode::same_ifx_next, &IntfNode::same_ifx_prev, Alloc> by_ifx_;
     KeyIndex<NodeByPhyid, &IntfNode::same_phy_next, &IntfNode::same_phy_prev, Alloc> by_phy_;
     SeqMap<Alloc> phy_of_ifx_, ifx_of_phy_;
