@@ -4,18 +4,12 @@
 
 #include "check_rules.h"
 #include "u_intf.pb-c.h"
+#include "hex.h"
 
 namespace pmx_tool
 {
 namespace
 {
-
-std::string hex(uint32_t v)
-{
-    char b[16];
-    std::snprintf(b, sizeof b, "0x%08x", v);
-    return b;
-}
 
 RecordRef interface_ref(const PortRecord &r)
 {
@@ -36,8 +30,8 @@ std::string position_differences(const PortRecord &here, const PortRecord &there
         out += (out.empty() ? "" : "; ") + std::string(name) + " " + a + " here, " + b + " there";
     };
     auto num = [](int32_t v) { return std::to_string(v); };
-    field("gphyid", hex(here.gphyid), hex(there.gphyid));
-    field("lphyid", hex(here.lphyid), hex(there.lphyid));
+    field("gphyid", hex32(here.gphyid), hex32(there.gphyid));
+    field("lphyid", hex32(here.lphyid), hex32(there.lphyid));
     field("modid", num(here.modid), num(there.modid));
     field("mport", num(here.mport), num(there.mport));
     field("unit", num(here.unit), num(there.unit));
@@ -86,7 +80,7 @@ void check_port_tables(const Snapshot &s, Report *report)
         const auto phy = s.phys.find(intf.gphyid);
         if (phy == s.phys.end()) {
             report->add(Rule::InterfacePhy, interface_ref(intf),
-                        "gphyid " + hex(intf.gphyid) + " has no physical-port record (" + want.text() + " is absent)",
+                        "gphyid " + hex32(intf.gphyid) + " has no physical-port record (" + want.text() + " is absent)",
                         {want});
             continue;
         }
@@ -113,7 +107,7 @@ void check_port_tables(const Snapshot &s, Report *report)
         else if (intf->second.gphyid != phyid)
             report->add(Rule::InterfacePhy, phy_ref(phy),
                         "names ifx " + std::to_string(phy.ifx) + ", whose interface record " +
-                            interface_ref(intf->second).text() + " has gphyid " + hex(intf->second.gphyid),
+                            interface_ref(intf->second).text() + " has gphyid " + hex32(intf->second.gphyid),
                         {interface_ref(intf->second)});
     }
 }

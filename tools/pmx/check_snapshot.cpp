@@ -11,6 +11,7 @@
 #include "libpmx_mom.h"
 #include "p_dev.pb-c.h"
 #include "u_intf.pb-c.h"
+#include "record_kinds.h"
 
 namespace pmx_tool
 {
@@ -18,11 +19,6 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
-
-template <typename T> const T *as(const ProtobufCMessage *m)
-{
-    return static_cast<const T *>(static_cast<const void *>(m));
-}
 
 // The numbers of a key text after the record name ("u_intf.pmx_mod_tbl|1|3|0": 1 3 0); false
 // when a part is no number.

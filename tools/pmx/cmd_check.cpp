@@ -18,6 +18,7 @@
 #include "db_session.h"
 #include "libpmx_cap.h"
 #include "libpmx_errno.h"
+#include "tool_errors.h"
 
 namespace pmx_tool
 {
@@ -30,11 +31,6 @@ struct CheckOptions {
     bool json = false;
     bool progress = false;
 };
-
-void fail(const std::string &text)
-{
-    std::fprintf(stderr, "pmx: %s\n", text.c_str());
-}
 
 // The capability data the module-table rules compare with: --caps, else the library's own
 // choice ($PMX_CAP_FILE, else the installed default).

@@ -28,6 +28,9 @@
 #include "db_session.h"
 #include "topology.h"
 #include "u_intf.pb-c.h"
+#include "tool_errors.h"
+#include "hex.h"
+#include "record_kinds.h"
 
 namespace pmx_tool
 {
@@ -55,33 +58,12 @@ void on_stop_signal(int)
     g_stop.store(true, std::memory_order_relaxed);
 }
 
-void fail(const std::string &text)
-{
-    std::fprintf(stderr, "pmx: %s\n", text.c_str());
-}
-
 // CLOCK_MONOTONIC in seconds: the clock of the journal, shared by every process of the machine.
 double mono_now()
 {
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-std::string hex32(uint32_t v)
-{
-    char b[16];
-    std::snprintf(b, sizeof b, "0x%08" PRIx32, v);
-    return b;
-}
-
-template <typename T> T *as(ProtobufCMessage *m)
-{
-    return static_cast<T *>(static_cast<void *>(m));
-}
-template <typename T> const T *as(const ProtobufCMessage *m)
-{
-    return static_cast<const T *>(static_cast<const void *>(m));
 }
 
 // A copy that the record's own deleter frees: packed and unpacked again.
@@ -617,14 +599,14 @@ int churn(const ChurnOptions &opt)
     // Ticks of 10 ms, each writing what the rate has made due since the start. A backlog (a slow
     // or absent server, a stopped process) is never made up beyond 0.1 s of changes: the rate
     // reported is what was achieved.
-    using Clock = std::chrono::steady_clock;
+    using MonoClock = std::chrono::steady_clock;
     constexpr auto kTick = std::chrono::milliseconds(10);
     const double max_backlog = std::max(1.0, rate * 0.1);
     const double start = mono_now();
     double skipped = 0; // seconds of schedule given up
     long done = 0;
     long by_area[3] = {0, 0, 0};
-    auto next_tick = Clock::now();
+    auto next_tick = MonoClock::now();
     Changes tick;
     bool ok = true;
     while (!g_stop.load(std::memory_order_relaxed)) {
@@ -648,7 +630,7 @@ int churn(const ChurnOptions &opt)
         done += n;
         if (last || (opt.changes > 0 && done >= opt.changes)) break;
         next_tick += kTick;
-        if (next_tick < Clock::now()) next_tick = Clock::now();
+        if (next_tick < MonoClock::now()) next_tick = MonoClock::now();
         std::this_thread::sleep_until(next_tick);
     }
     const double elapsed = mono_now() - start;

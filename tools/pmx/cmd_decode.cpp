@@ -10,6 +10,7 @@
 #include "hex.h"
 #include "libpmx_protoc_fmt.h"
 #include "record_kinds.h"
+#include "tool_errors.h"
 
 namespace pmx_tool
 {
@@ -23,11 +24,6 @@ struct DecodeOptions {
     bool raw = false;
     bool list = false;
 };
-
-void fail(const std::string &text)
-{
-    std::fprintf(stderr, "pmx: %s\n", text.c_str());
-}
 
 // False on a read error.
 bool read_stdin(std::vector<std::uint8_t> *data)

@@ -29,13 +29,13 @@ struct FollowOptions {
     uint32_t delay_ms = 0;
 };
 
-struct Printer {
+struct ChangePrinter {
     bool json = false;
     bool quiet = false;
     std::mutex mutex; // hooks and deliveries may come from different threads
     uint64_t changes = 0;
 };
-Printer g_printer;
+ChangePrinter g_printer;
 
 // A JSON string literal of s.
 std::string quoted(const char *s)

@@ -15,6 +15,7 @@
 #include "progress_bar.h"
 #include "db_session.h"
 #include "topology.h"
+#include "tool_errors.h"
 
 namespace pmx_tool
 {
@@ -30,11 +31,6 @@ struct GenCommandOptions {
     bool progress = false;
     GenOptions gen;
 };
-
-void fail(const std::string &text)
-{
-    std::fprintf(stderr, "pmx: %s\n", text.c_str());
-}
 
 std::string base_name(const std::string &path)
 {

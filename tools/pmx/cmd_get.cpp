@@ -12,6 +12,7 @@
 #include "libpmx_mom.h"
 #include "libpmx_protoc_fmt.h"
 #include "record_kinds.h"
+#include "tool_errors.h"
 
 namespace pmx_tool
 {
@@ -28,13 +29,8 @@ struct GetOptions {
     std::string form;
 };
 
-void fail(const std::string &text)
-{
-    std::fprintf(stderr, "pmx: %s\n", text.c_str());
-}
-
 // The decoder handed to the library's reads: prints the record it is given.
-struct Printer {
+struct RecordPrinter {
     bool json;
     int flags;
     int db;
@@ -44,7 +40,7 @@ struct Printer {
 
 int print_record(const void *reply, void *out)
 {
-    auto *printer = static_cast<Printer *>(out);
+    auto *printer = static_cast<RecordPrinter *>(out);
     const auto *record = static_cast<const ProtobufCMessage *>(reply);
     if (printer->json) {
         nlohmann::ordered_json file = {
@@ -90,7 +86,7 @@ int get(const GetOptions &opt)
     DbSession session;
     if (!session.open(opt.db)) return kExitFailed;
 
-    Printer printer{opt.json, opt.compact ? LIBPMX_FMT_COMPACT : 0, db, form};
+    RecordPrinter printer{opt.json, opt.compact ? LIBPMX_FMT_COMPACT : 0, db, form};
     qv_mom_key_t mom_key{key.get(), desc};
     int rc = form == Form::Hash ? libpmx_hget_info_from_db(&mom_key, db, print_record, &printer)
                                 : libpmx_get_info_from_db(&mom_key, db, print_record, &printer);

@@ -18,6 +18,7 @@
 
 #include "commands.h"
 #include "ssat_client.h"
+#include "tool_errors.h"
 
 namespace pmx_tool
 {
@@ -34,11 +35,6 @@ struct ShellOptions {
     bool json = false; // the process list as JSON
     pid_t pid = 0; // 0: the only process serving the module
 };
-
-void fail(const std::string &text)
-{
-    std::fprintf(stderr, "pmx: %s\n", text.c_str());
-}
 
 std::string trim(const std::string &s)
 {

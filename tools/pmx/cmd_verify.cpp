@@ -27,6 +27,7 @@
 #include "libpmx_mod.h"
 #include "topology.h"
 #include "u_intf.pb-c.h"
+#include "hex.h"
 
 namespace pmx_tool
 {
@@ -46,13 +47,6 @@ struct VerifyOptions {
 
 // Mode 0 last: a subcard port's sub-slot is learnt by the first lookup that may read.
 constexpr int kModes[] = {1, 2, 0};
-
-std::string hex(uint32_t v)
-{
-    char b[16];
-    std::snprintf(b, sizeof b, "0x%08x", v);
-    return b;
-}
 
 // One card's checks, run in its own process; the result as one JSON object.
 class CardCheck
@@ -102,10 +96,10 @@ private:
     {
         uint32_t g = 0, m = 0, p = 0;
         int rc = libpmx_get_phyid_by_mod_port_detail(r.modid, r.port, &g, mode);
-        expect("phyid_by_mod_port", mode, std::to_string(r.modid) + "/" + std::to_string(r.port), rc, hex(g),
-               hex(r.gphyid));
+        expect("phyid_by_mod_port", mode, std::to_string(r.modid) + "/" + std::to_string(r.port), rc, hex32(g),
+               hex32(r.gphyid));
         rc = libpmx_get_mod_port_by_phyid_detail(r.gphyid, &m, &p, mode);
-        expect("mod_port_by_phyid", mode, hex(r.gphyid), rc, std::to_string(m) + "/" + std::to_string(p),
+        expect("mod_port_by_phyid", mode, hex32(r.gphyid), rc, std::to_string(m) + "/" + std::to_string(p),
                std::to_string(r.modid) + "/" + std::to_string(r.port));
     }
 
@@ -115,23 +109,23 @@ private:
         const std::string unit_port = std::to_string(r.unit) + "/" + std::to_string(r.port);
         uint32_t l = 0, g = 0, u = 0, p = 0, m = 0;
         int rc = libpmx_get_lphyid_by_unit_port_detail(r.unit, r.port, &l, mode);
-        expect("lphyid_by_unit_port", mode, unit_port, rc, hex(l), hex(r.lphyid));
+        expect("lphyid_by_unit_port", mode, unit_port, rc, hex32(l), hex32(r.lphyid));
         if (mode == 0) { // the unit-port conversion has a plain and an _ext form only
             rc = libpmx_get_unit_port_by_lphyid_ext(r.lphyid, &u, &p);
-            expect("unit_port_by_lphyid_ext", mode, hex(r.lphyid), rc, std::to_string(u) + "/" + std::to_string(p),
+            expect("unit_port_by_lphyid_ext", mode, hex32(r.lphyid), rc, std::to_string(u) + "/" + std::to_string(p),
                    unit_port);
         } else if (mode == 2) {
             rc = libpmx_get_unit_port_by_lphyid(r.lphyid, &u, &p);
-            expect("unit_port_by_lphyid", mode, hex(r.lphyid), rc, std::to_string(u) + "/" + std::to_string(p),
+            expect("unit_port_by_lphyid", mode, hex32(r.lphyid), rc, std::to_string(u) + "/" + std::to_string(p),
                    unit_port);
         }
         if (!host) return;
         rc = libpmx_get_gphyid_by_lphyid_detail(r.lphyid, &g, mode);
-        expect("gphyid_by_lphyid", mode, hex(r.lphyid), rc, hex(g), hex(r.gphyid));
+        expect("gphyid_by_lphyid", mode, hex32(r.lphyid), rc, hex32(g), hex32(r.gphyid));
         rc = libpmx_get_lphyid_by_gphyid_detail(r.gphyid, &l, mode);
-        expect("lphyid_by_gphyid", mode, hex(r.gphyid), rc, hex(l), hex(r.lphyid));
+        expect("lphyid_by_gphyid", mode, hex32(r.gphyid), rc, hex32(l), hex32(r.lphyid));
         rc = libpmx_get_mod_port_by_phyid_detail(r.lphyid, &m, &p, mode);
-        expect("mod_port_by_phyid", mode, hex(r.lphyid), rc, std::to_string(m) + "/" + std::to_string(p),
+        expect("mod_port_by_phyid", mode, hex32(r.lphyid), rc, std::to_string(m) + "/" + std::to_string(p),
                std::to_string(r.modid) + "/" + std::to_string(r.port));
     }
 

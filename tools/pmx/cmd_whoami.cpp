@@ -45,9 +45,9 @@ void row(const char *label, const std::string &value)
     g_report[g_section][label] = value;
 }
 
-void print_report(bool json)
+void print_report(bool as_json)
 {
-    if (json) {
+    if (as_json) {
         std::printf("%s\n", g_report.dump().c_str());
         return;
     }

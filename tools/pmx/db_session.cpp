@@ -9,16 +9,12 @@
 #include <cstdio>
 
 #include "libpmx_mom.h"
+#include "tool_errors.h"
 
 namespace pmx_tool
 {
 namespace
 {
-
-void fail(const std::string &text)
-{
-    std::fprintf(stderr, "pmx: %s\n", text.c_str());
-}
 
 } // namespace
 

@@ -86,4 +86,11 @@ HexResult parse_hex(std::string_view text)
     return result;
 }
 
+std::string hex32(std::uint32_t v)
+{
+    char b[16];
+    std::snprintf(b, sizeof b, "0x%08x", static_cast<unsigned>(v));
+    return b;
+}
+
 } // namespace pmx_tool

@@ -21,6 +21,9 @@ struct HexResult {
 // whitespace). Positions in errors count characters of the text from 1.
 HexResult parse_hex(std::string_view text);
 
+// A 32-bit id as the tables print it: 0x and eight hex digits.
+std::string hex32(std::uint32_t v);
+
 } // namespace pmx_tool
 
 #endif // PMX_TOOL_HEX_H

@@ -31,7 +31,7 @@ struct Port {
     int64_t id = 0; // the port's number on the page
 };
 
-struct Card {
+struct MapCard {
     std::optional<int64_t> type; // none: interfaces name the position, the card-info table does not
     std::optional<int64_t> cid, scid;
     std::vector<Port> ports;
@@ -129,10 +129,10 @@ const char *state_of(const Port &p)
     return p.split ? "split" : "port";
 }
 
-class Builder
+class MapBuilder
 {
   public:
-    Builder(const MapTables &t, std::string *why) : t_(t), why_(why), f_(why) {}
+    MapBuilder(const MapTables &t, std::string *why) : t_(t), why_(why), f_(why) {}
 
     bool build(const std::string &title, const std::string &source, MapModel *out);
 
@@ -152,7 +152,7 @@ class Builder
     void read_split();
     void find_local();
     void number_ports();
-    json card_json(const Pos &pos, const Card &card);
+    json card_json(const Pos &pos, const MapCard &card);
     json port_json(const Port &p);
     json subs_json();
 
@@ -160,7 +160,7 @@ class Builder
     std::string *why_;
     Fields f_;
     bool missing_ = false;
-    std::map<Pos, Card> cards_;
+    std::map<Pos, MapCard> cards_;
     std::map<int64_t, std::string> slot_modids_; // gslot -> "25 26"
     std::map<int64_t, std::string> slot_status_;
     std::optional<Pos> local_;
@@ -169,7 +169,7 @@ class Builder
     MapCounts counts_;
 };
 
-void Builder::read_cards()
+void MapBuilder::read_cards()
 {
     if (const json *rows = table("card_info"))
         for (size_t i = 0; i < rows->size(); ++i) {
@@ -213,7 +213,7 @@ void Builder::read_cards()
 
 // Each card's ports as its card type lists them (rows of sub-slot 0: the card type's own chip
 // ports; the others are lookups a process cached for its queries).
-void Builder::read_ports()
+void MapBuilder::read_ports()
 {
     std::map<int64_t, std::vector<Port>> by_type;
     if (const json *rows = table("global_sport"))
@@ -231,7 +231,7 @@ void Builder::read_ports()
             if (auto it = by_type.find(*card.type); it != by_type.end()) card.ports = it->second;
 }
 
-void Builder::read_interfaces()
+void MapBuilder::read_interfaces()
 {
     const json *rows = table("interfaces");
     if (rows == nullptr) return;
@@ -262,7 +262,7 @@ void Builder::read_interfaces()
                                      nullptr, nullptr, nullptr, decoded(gphyid, &kinds_)});
             continue;
         }
-        Card &card = cards_[{f_.num(r, "interfaces", i, "dev"), f_.num(r, "interfaces", i, "slot"),
+        MapCard &card = cards_[{f_.num(r, "interfaces", i, "dev"), f_.num(r, "interfaces", i, "slot"),
                              f_.num(r, "interfaces", i, "sslot")}];
         const int64_t unit = f_.num(r, "interfaces", i, "unit"), port = f_.num(r, "interfaces", i, "port");
         auto it = std::find_if(card.ports.begin(), card.ports.end(),
@@ -285,7 +285,7 @@ void Builder::read_interfaces()
     counts_.sub_interfaces = sub_rows_.size();
 }
 
-void Builder::read_split()
+void MapBuilder::read_split()
 {
     if (const json *rows = table("split_port"))
         for (size_t i = 0; i < rows->size(); ++i) {
@@ -313,7 +313,7 @@ void Builder::read_split()
 // The local card is the one whose module table holds the local module ids. Its back-plane ports
 // are known by their lports alone: the port table names their range in its closing line
 // ("back-plane lports 1001..1002", or "none").
-void Builder::find_local()
+void MapBuilder::find_local()
 {
     const std::vector<int64_t> mine = numbers(t_.local_modids);
     if (mine.empty()) return; // "get my node failed", "has no local modid."
@@ -334,7 +334,7 @@ void Builder::find_local()
     }
 }
 
-void Builder::number_ports()
+void MapBuilder::number_ports()
 {
     int64_t id = 0;
     for (auto &[pos, card] : cards_) {
@@ -347,7 +347,7 @@ void Builder::number_ports()
     }
 }
 
-json Builder::port_json(const Port &p)
+json MapBuilder::port_json(const Port &p)
 {
     if (p.backplane) // known by its lport alone
         return {p.id, nullptr, nullptr, nullptr, nullptr, nullptr, p.lport, nullptr, nullptr, nullptr, state_of(p), 0,
@@ -360,7 +360,7 @@ json Builder::port_json(const Port &p)
             decoded(p.gphyid, &kinds_), decoded(p.lphyid, &kinds_)};
 }
 
-json Builder::card_json(const Pos &pos, const Card &card)
+json MapBuilder::card_json(const Pos &pos, const MapCard &card)
 {
     const auto [dev, slot, sslot] = pos;
     const int64_t gslot = sslot << 10 | (dev - 1) << 5 | slot;
@@ -379,7 +379,7 @@ json Builder::card_json(const Pos &pos, const Card &card)
 }
 
 // Each sub-interface gets the number of the port whose gphyid is its master phyid (-1: none).
-json Builder::subs_json()
+json MapBuilder::subs_json()
 {
     std::map<uint32_t, int64_t> by_gphyid;
     for (const auto &[pos, card] : cards_)
@@ -392,7 +392,7 @@ json Builder::subs_json()
     return std::move(sub_rows_);
 }
 
-bool Builder::build(const std::string &title, const std::string &source, MapModel *out)
+bool MapBuilder::build(const std::string &title, const std::string &source, MapModel *out)
 {
     read_cards();
     read_ports();
@@ -409,7 +409,7 @@ bool Builder::build(const std::string &title, const std::string &source, MapMode
         const bool host_drawn = !cards.empty() && cards.back()["slot"] == slot;
         if (sslot == 0 || !host_drawn) {
             // A subcard whose host the card-info table does not name gets an empty host.
-            json host = card_json({dev, slot, 0}, sslot == 0 ? it->second : Card{});
+            json host = card_json({dev, slot, 0}, sslot == 0 ? it->second : MapCard{});
             host["subcards"] = json::array();
             cards.push_back(std::move(host));
         }
@@ -441,7 +441,7 @@ bool Builder::build(const std::string &title, const std::string &source, MapMode
 bool build_map_model(const MapTables &tables, const std::string &title, const std::string &source, MapModel *out,
                      std::string *why)
 {
-    return Builder(tables, why).build(title, source, out);
+    return MapBuilder(tables, why).build(title, source, out);
 }
 
 } // namespace pmx_tool

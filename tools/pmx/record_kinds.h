@@ -21,6 +21,16 @@ std::vector<const ProtobufCMessageDescriptor *> all_kinds();
 // other packages as suggestions ("pmx_ifx_tbl" suggests "u_intf.pmx_ifx_tbl").
 std::string unknown_kind_error(std::string_view full_name);
 
+// A decoded record as its kind's struct; the caller has checked the descriptor.
+template <typename T> const T *as(const ProtobufCMessage *m)
+{
+    return static_cast<const T *>(static_cast<const void *>(m));
+}
+template <typename T> T *as(ProtobufCMessage *m)
+{
+    return static_cast<T *>(static_cast<void *>(m));
+}
+
 } // namespace pmx_tool
 
 #endif // PMX_TOOL_RECORD_KINDS_H

@@ -22,6 +22,7 @@
 #include "p_intf.pb-c.h"
 #include "qv_cap.h"
 #include "u_intf.pb-c.h"
+#include "hex.h"
 
 namespace pmx_tool
 {
@@ -44,7 +45,7 @@ struct TopoError {
     std::string text;
 };
 
-[[noreturn]] void fail(const std::string &path, const std::string &text)
+[[noreturn]] void reject(const std::string &path, const std::string &text)
 {
     throw TopoError{path, text};
 }
@@ -61,7 +62,7 @@ std::string index_path(const std::string &path, size_t i)
 
 void only_members(const json &obj, const std::string &path, std::initializer_list<const char *> allowed)
 {
-    if (!obj.is_object()) fail(path, "expected an object, got " + json_kind(obj));
+    if (!obj.is_object()) reject(path, "expected an object, got " + json_kind(obj));
     for (const auto &[k, v] : obj.items()) {
         bool known = k == "comment";
         for (const char *a : allowed)
@@ -70,17 +71,17 @@ void only_members(const json &obj, const std::string &path, std::initializer_lis
         std::string list;
         for (const char *a : allowed)
             list += std::string(list.empty() ? "" : ", ") + a;
-        fail(member_path(path, k), "unknown member (expected " + list + ")");
+        reject(member_path(path, k), "unknown member (expected " + list + ")");
     }
 }
 
 int64_t integer(const json &v, const std::string &path, int64_t lo, int64_t hi)
 {
-    if (!v.is_number_integer()) fail(path, "expected an integer, got " + json_kind(v));
+    if (!v.is_number_integer()) reject(path, "expected an integer, got " + json_kind(v));
     bool fits = v.is_number_unsigned() ? v.get<uint64_t>() <= static_cast<uint64_t>(hi)
                                        : v.get<int64_t>() >= lo && v.get<int64_t>() <= hi;
     if (!fits)
-        fail(path, v.dump() + " is out of range " + std::to_string(lo) + ".." + std::to_string(hi));
+        reject(path, v.dump() + " is out of range " + std::to_string(lo) + ".." + std::to_string(hi));
     return v.get<int64_t>();
 }
 
@@ -89,7 +90,7 @@ int32_t int_member(const json &obj, const std::string &path, const char *name, i
 {
     auto it = obj.find(name);
     if (it == obj.end()) {
-        if (!dflt) fail(member_path(path, name), "missing");
+        if (!dflt) reject(member_path(path, name), "missing");
         return *dflt;
     }
     return static_cast<int32_t>(integer(*it, member_path(path, name), lo, hi));
@@ -100,10 +101,10 @@ std::string string_member(const json &obj, const std::string &path, const char *
 {
     auto it = obj.find(name);
     if (it == obj.end()) {
-        if (!dflt) fail(member_path(path, name), "missing");
+        if (!dflt) reject(member_path(path, name), "missing");
         return *dflt;
     }
-    if (!it->is_string()) fail(member_path(path, name), "expected a string, got " + json_kind(*it));
+    if (!it->is_string()) reject(member_path(path, name), "expected a string, got " + json_kind(*it));
     return it->get<std::string>();
 }
 
@@ -112,7 +113,7 @@ bool bool_member(const json &obj, const std::string &path, const char *name)
     auto it = obj.find(name);
     if (it == obj.end()) return false;
     if (!it->is_boolean())
-        fail(member_path(path, name), "expected true or false, got " + json_kind(*it));
+        reject(member_path(path, name), "expected true or false, got " + json_kind(*it));
     return it->get<bool>();
 }
 
@@ -141,7 +142,7 @@ void add_numbers(const json &v, const std::string &path, int64_t lo, int64_t hi,
         return;
     }
     if (!v.is_string())
-        fail(path, "expected a number, a range \"A-B\" or an array of them, got " + json_kind(v));
+        reject(path, "expected a number, a range \"A-B\" or an array of them, got " + json_kind(v));
     const std::string &text = v.get_ref<const std::string &>();
     std::string_view rest = text;
     do {
@@ -152,10 +153,10 @@ void add_numbers(const json &v, const std::string &path, int64_t lo, int64_t hi,
         auto first = parse_number(item.substr(0, dash));
         auto last = dash == std::string_view::npos ? first : parse_number(item.substr(dash + 1));
         if (!first || !last)
-            fail(path, "\"" + text + "\" is not a number or a range \"A-B\"");
-        if (*first > *last) fail(path, "\"" + text + "\": the range runs backwards");
+            reject(path, "\"" + text + "\" is not a number or a range \"A-B\"");
+        if (*first > *last) reject(path, "\"" + text + "\": the range runs backwards");
         if (*first < lo || *last > hi)
-            fail(path, "\"" + text + "\" is out of range " + std::to_string(lo) + ".." +
+            reject(path, "\"" + text + "\" is out of range " + std::to_string(lo) + ".." +
                            std::to_string(hi));
         for (int64_t n = *first; n <= *last; ++n)
             out->push_back(static_cast<int32_t>(n));
@@ -166,7 +167,7 @@ std::vector<int32_t> numbers(const json &v, const std::string &path, int64_t lo,
 {
     std::vector<int32_t> out;
     add_numbers(v, path, lo, hi, &out);
-    if (out.empty()) fail(path, "names no number");
+    if (out.empty()) reject(path, "names no number");
     return out;
 }
 
@@ -212,11 +213,11 @@ void read_caps(const std::string &path, Caps *caps)
 {
     caps->path = path;
     std::ifstream in(path);
-    if (!in) fail("caps", "cannot read the capability file " + path + ": " + std::strerror(errno));
+    if (!in) reject("caps", "cannot read the capability file " + path + ": " + std::strerror(errno));
     try {
         caps->root = json::parse(in, nullptr, true, true);
     } catch (const json::exception &e) {
-        fail("caps", "the capability file " + path + " is not valid JSON: " + e.what());
+        reject("caps", "the capability file " + path + " is not valid JSON: " + e.what());
     }
     if (auto l = caps->get("lc-slots-num"); l && *l > 0) caps->lc_slots = *l;
     caps->subcard_ids = caps->get("subcard-id/enable").value_or(0) != 0;
@@ -304,7 +305,7 @@ struct Pattern {
 
 Pattern parse_pattern(const json &v, const std::string &path)
 {
-    if (!v.is_string()) fail(path, "expected \"DEV/SLOT/SSLOT/LPORT\", got " + json_kind(v));
+    if (!v.is_string()) reject(path, "expected \"DEV/SLOT/SSLOT/LPORT\", got " + json_kind(v));
     Pattern p;
     p.text = v.get<std::string>();
     std::string_view rest = p.text;
@@ -312,7 +313,7 @@ Pattern parse_pattern(const json &v, const std::string &path)
     for (int i = 0; i < 4; ++i) {
         size_t slash = rest.find('/');
         if ((slash == std::string_view::npos) != (i == 3))
-            fail(path, "\"" + p.text + "\" is not DEV/SLOT/SSLOT/LPORT (each a number, a range or *)");
+            reject(path, "\"" + p.text + "\" is not DEV/SLOT/SSLOT/LPORT (each a number, a range or *)");
         std::string item(rest.substr(0, slash));
         rest = i == 3 ? std::string_view() : rest.substr(slash + 1);
         if (item == "*") continue;
@@ -365,7 +366,7 @@ const CardType *find_type(const std::vector<CardType> &types, const std::string 
     for (const auto &t : types) {
         if (t.subcard == subcard) known += std::string(known.empty() ? "" : ", ") + t.name;
     }
-    fail(path, std::string("unknown ") + (subcard ? "subcard" : "card") + " type '" + name + "' (" +
+    reject(path, std::string("unknown ") + (subcard ? "subcard" : "card") + " type '" + name + "' (" +
                    (subcard ? "subcard_types" : "card_types") + " has " +
                    (known.empty() ? "none" : known) + ")");
 }
@@ -378,7 +379,7 @@ int32_t enum_member(const json &obj, const std::string &path, const char *name,
     const ProtobufCEnumValue *v =
         protobuf_c_enum_descriptor_get_value_by_name(desc, (prefix + text).c_str());
     if (v == nullptr)
-        fail(member_path(path, name), "'" + text + "' is not a value of " + desc->name);
+        reject(member_path(path, name), "'" + text + "' is not a value of " + desc->name);
     return v->value;
 }
 
@@ -393,7 +394,7 @@ void Builder::parse(const json &doc, const GenOptions &opt)
         caps_path = p.is_absolute() ? p.string() : (std::filesystem::path(dir_) / p).string();
     }
     if (caps_path.empty()) caps_path = default_caps_path();
-    if (caps_path.empty()) fail("caps", "no capability file: give \"caps\", --caps or PMX_CAP_FILE");
+    if (caps_path.empty()) reject("caps", "no capability file: give \"caps\", --caps or PMX_CAP_FILE");
     read_caps(caps_path, &caps_);
 
     parse_card_types(doc);
@@ -408,14 +409,14 @@ void Builder::parse(const json &doc, const GenOptions &opt)
 void Builder::parse_card_types(const json &doc)
 {
     if (!doc.contains("card_types") || !doc["card_types"].is_array())
-        fail("card_types", "expected an array of card types");
+        reject("card_types", "expected an array of card types");
     std::map<int32_t, std::string> seen_type;
     std::map<std::string, std::string> seen_name;
     for (const char *list : {"card_types", "subcard_types"}) {
         bool subcard = std::strcmp(list, "subcard_types") == 0;
         if (!doc.contains(list)) continue;
         const json &arr = doc[list];
-        if (!arr.is_array()) fail(list, "expected an array, got " + json_kind(arr));
+        if (!arr.is_array()) reject(list, "expected an array, got " + json_kind(arr));
         for (size_t i = 0; i < arr.size(); ++i) {
             const json &o = arr[i];
             std::string path = index_path(list, i);
@@ -432,10 +433,10 @@ void Builder::parse_card_types(const json &doc)
             t.name = string_member(o, path, "name");
             t.type = int_member(o, path, "type", 1, INT32_MAX);
             if (auto it = seen_type.find(t.type); it != seen_type.end())
-                fail(member_path(path, "type"),
+                reject(member_path(path, "type"),
                      "card type " + std::to_string(t.type) + " is given twice (also " + it->second + ")");
             if (auto it = seen_name.find(t.name); it != seen_name.end())
-                fail(member_path(path, "name"),
+                reject(member_path(path, "name"),
                      "the name '" + t.name + "' is given twice (also " + it->second + ")");
             seen_type[t.type] = path;
             seen_name[t.name] = path;
@@ -446,19 +447,19 @@ void Builder::parse_card_types(const json &doc)
             if (subcard) {
                 t.node = P_DEV__DM_NODE_TYPE_E__DM_TYPE_SUB_LC;
                 const json &ports = o.contains("ports") ? o["ports"] : json::array();
-                if (!ports.is_array()) fail(member_path(path, "ports"), "expected an array");
+                if (!ports.is_array()) reject(member_path(path, "ports"), "expected an array");
                 for (size_t k = 0; k < ports.size(); ++k) {
                     std::string pp = index_path(member_path(path, "ports"), k);
                     only_members(ports[k], pp, {"unit", "ports"});
                     int32_t unit = int_member(ports[k], pp, "unit", 0, kMaxUnits - 1);
-                    if (!ports[k].contains("ports")) fail(member_path(pp, "ports"), "missing");
+                    if (!ports[k].contains("ports")) reject(member_path(pp, "ports"), "missing");
                     for (int32_t port : numbers(ports[k]["ports"], member_path(pp, "ports"), 0, 255))
                         t.ports.push_back({unit, port, lport++});
                 }
                 if (caps_.subcard_ids) {
                     auto scid = caps_.get("subcard-id/table/" + std::to_string(t.type));
                     if (!scid)
-                        fail(member_path(path, "type"),
+                        reject(member_path(path, "type"),
                              "subcard type " + std::to_string(t.type) + " has no subcard id in " +
                                  caps_.path + " (subcard-id/table/" + std::to_string(t.type) + ")");
                     t.scid = *scid;
@@ -471,9 +472,9 @@ void Builder::parse_card_types(const json &doc)
                 t.mgmt_num = int_member(o, path, "mgmt_num", 0, 64, 0);
                 t.subslots = int_member(o, path, "subslots", 0, 7, 0);
                 const json &units = o.contains("units") ? o["units"] : json::array();
-                if (!units.is_array()) fail(member_path(path, "units"), "expected an array");
+                if (!units.is_array()) reject(member_path(path, "units"), "expected an array");
                 if (units.size() > static_cast<size_t>(kMaxUnits))
-                    fail(member_path(path, "units"), "a card has at most 8 units");
+                    reject(member_path(path, "units"), "a card has at most 8 units");
                 for (size_t u = 0; u < units.size(); ++u) {
                     std::string up = index_path(member_path(path, "units"), u);
                     only_members(units[u], up, {"ports", "power", "virtual"});
@@ -481,15 +482,15 @@ void Builder::parse_card_types(const json &doc)
                     unit.power = bool_member(units[u], up, "power");
                     unit.is_virtual = bool_member(units[u], up, "virtual");
                     if (unit.is_virtual && units[u].contains("ports"))
-                        fail(member_path(up, "ports"), "a virtual unit has no panel ports");
+                        reject(member_path(up, "ports"), "a virtual unit has no panel ports");
                     if (unit.is_virtual && unit.power)
-                        fail(member_path(up, "power"), "a virtual unit is not a power module");
+                        reject(member_path(up, "power"), "a virtual unit is not a power module");
                     if (units[u].contains("ports"))
                         unit.ports = numbers(units[u]["ports"], member_path(up, "ports"), 0, 255);
                     std::set<int32_t> once;
                     for (int32_t port : unit.ports) {
                         if (!once.insert(port).second)
-                            fail(member_path(up, "ports"), "chip port " + std::to_string(port) +
+                            reject(member_path(up, "ports"), "chip port " + std::to_string(port) +
                                                                " is given twice");
                         t.ports.push_back({static_cast<int32_t>(u), port, lport++});
                     }
@@ -498,7 +499,7 @@ void Builder::parse_card_types(const json &doc)
             }
             if (!subcard && o.contains("backplane")) parse_backplane(o["backplane"], member_path(path, "backplane"), &t);
             if (!t.ports.empty() && t.cid < 0)
-                fail(member_path(path, "cid"), "missing: a card type with ports needs its card id");
+                reject(member_path(path, "cid"), "missing: a card type with ports needs its card id");
             types_.push_back(std::move(t));
         }
     }
@@ -510,7 +511,7 @@ void Builder::parse_backplane(const json &o, const std::string &path, CardType *
 {
     only_members(o, path, {"lport_base", "ports"});
     int32_t lport = int_member(o, path, "lport_base", 1, 0xffff);
-    if (!o.contains("ports") || !o["ports"].is_array()) fail(member_path(path, "ports"), "expected an array");
+    if (!o.contains("ports") || !o["ports"].is_array()) reject(member_path(path, "ports"), "expected an array");
     std::set<std::pair<int32_t, int32_t>> front;
     for (const PortDef &p : t->ports) front.insert({p.unit, p.port});
     for (size_t k = 0; k < o["ports"].size(); ++k) {
@@ -518,10 +519,10 @@ void Builder::parse_backplane(const json &o, const std::string &path, CardType *
         std::string pp = index_path(member_path(path, "ports"), k);
         only_members(e, pp, {"unit", "ports"});
         const int32_t unit = int_member(e, pp, "unit", 0, static_cast<int64_t>(t->units.size()) - 1);
-        if (!e.contains("ports")) fail(member_path(pp, "ports"), "missing");
+        if (!e.contains("ports")) reject(member_path(pp, "ports"), "missing");
         for (int32_t port : numbers(e["ports"], member_path(pp, "ports"), 0, 1023)) {
             if (front.count({unit, port}) != 0)
-                fail(member_path(pp, "ports"), "unit " + std::to_string(unit) + " chip port " + std::to_string(port) +
+                reject(member_path(pp, "ports"), "unit " + std::to_string(unit) + " chip port " + std::to_string(port) +
                                                    " is a front-panel port of the card");
             t->backplane.push_back({unit, port, lport++});
         }
@@ -531,61 +532,61 @@ void Builder::parse_backplane(const json &o, const std::string &path, CardType *
 void Builder::parse_devices(const json &doc)
 {
     if (!doc.contains("devices") || !doc["devices"].is_array() || doc["devices"].empty())
-        fail("devices", "expected an array of devices");
+        reject("devices", "expected an array of devices");
     const json &devs = doc["devices"];
     std::map<int32_t, std::string> dev_seen;
     std::map<std::tuple<int32_t, int32_t, int32_t>, std::string> slot_seen;
     for (size_t i = 0; i < devs.size(); ++i) {
         std::string dpath = index_path("devices", i);
         only_members(devs[i], dpath, {"dev", "slots"});
-        if (!devs[i].contains("dev")) fail(member_path(dpath, "dev"), "missing");
+        if (!devs[i].contains("dev")) reject(member_path(dpath, "dev"), "missing");
         for (int32_t dev : numbers(devs[i]["dev"], member_path(dpath, "dev"), 1, 16)) {
             if (auto it = dev_seen.find(dev); it != dev_seen.end())
-                fail(member_path(dpath, "dev"),
+                reject(member_path(dpath, "dev"),
                      "device " + std::to_string(dev) + " is given twice (also " + it->second + ")");
             dev_seen[dev] = member_path(dpath, "dev");
             const json &slots = devs[i].contains("slots") ? devs[i]["slots"] : json::array();
-            if (!slots.is_array()) fail(member_path(dpath, "slots"), "expected an array");
+            if (!slots.is_array()) reject(member_path(dpath, "slots"), "expected an array");
             for (size_t s = 0; s < slots.size(); ++s) {
                 std::string spath = index_path(member_path(dpath, "slots"), s);
                 only_members(slots[s], spath, {"slot", "card", "subcards"});
-                if (!slots[s].contains("slot")) fail(member_path(spath, "slot"), "missing");
+                if (!slots[s].contains("slot")) reject(member_path(spath, "slot"), "missing");
                 const CardType *type =
                     find_type(types_, string_member(slots[s], spath, "card"), false,
                               member_path(spath, "card"));
                 for (int32_t slot : numbers(slots[s]["slot"], member_path(spath, "slot"), 1, 31)) {
                     auto key = std::make_tuple(dev, slot, 0);
                     if (auto it = slot_seen.find(key); it != slot_seen.end())
-                        fail(member_path(spath, "slot"), "slot " + std::to_string(slot) +
+                        reject(member_path(spath, "slot"), "slot " + std::to_string(slot) +
                                                              " of device " + std::to_string(dev) +
                                                              " is given twice (also " + it->second + ")");
                     slot_seen[key] = spath;
                     cards_.push_back(Card{dev, slot, 0, type, nullptr, spath, {}, {}, 0});
                     const json &subs = slots[s].contains("subcards") ? slots[s]["subcards"] : json::array();
-                    if (!subs.is_array()) fail(member_path(spath, "subcards"), "expected an array");
+                    if (!subs.is_array()) reject(member_path(spath, "subcards"), "expected an array");
                     for (size_t k = 0; k < subs.size(); ++k) {
                         std::string kpath = index_path(member_path(spath, "subcards"), k);
                         only_members(subs[k], kpath, {"sslot", "card"});
-                        if (!subs[k].contains("sslot")) fail(member_path(kpath, "sslot"), "missing");
+                        if (!subs[k].contains("sslot")) reject(member_path(kpath, "sslot"), "missing");
                         const CardType *sub =
                             find_type(types_, string_member(subs[k], kpath, "card"), true,
                                       member_path(kpath, "card"));
                         for (const PortDef &p : sub->ports) {
                             if (p.unit >= static_cast<int32_t>(type->units.size()) ||
                                 type->units[static_cast<size_t>(p.unit)].is_virtual)
-                                fail(member_path(kpath, "card"),
+                                reject(member_path(kpath, "card"),
                                      "subcard " + sub->name + " has ports on unit " +
                                          std::to_string(p.unit) + ", which " + type->name +
                                          " does not have as a physical unit");
                         }
                         for (int32_t sslot : numbers(subs[k]["sslot"], member_path(kpath, "sslot"), 1, 7)) {
                             if (sslot > type->subslots)
-                                fail(member_path(kpath, "sslot"),
+                                reject(member_path(kpath, "sslot"),
                                      "sub-slot " + std::to_string(sslot) + " is beyond the " +
                                          std::to_string(type->subslots) + " sub-slots of " + type->name);
                             auto skey = std::make_tuple(dev, slot, sslot);
                             if (auto it = slot_seen.find(skey); it != slot_seen.end())
-                                fail(member_path(kpath, "sslot"),
+                                reject(member_path(kpath, "sslot"),
                                      "sub-slot " + std::to_string(sslot) + " of " + std::to_string(dev) +
                                          "/" + std::to_string(slot) + " is given twice (also " +
                                          it->second + ")");
@@ -617,17 +618,17 @@ void Builder::allocate_modids()
         auto max = caps_.get(type_key + "/max");
         auto per_slot = caps_.get(type_key + "/num-per-slot");
         if (!min || !max || !per_slot)
-            fail(member_path(card.path, "card"),
+            reject(member_path(card.path, "card"),
                  ctx + " has no module-id range in " + caps_.path + " (" + type_key +
                      "/min, max, num-per-slot)");
         auto id_num = caps_.get("node-type-cap-id-num/" + std::to_string(t.node));
         if (!id_num || *id_num <= 0)
-            fail(member_path(card.path, "card"),
+            reject(member_path(card.path, "card"),
                  ctx + ": " + caps_.path + " gives node type " + std::to_string(t.node) +
                      " no module ids (node-type-cap-id-num/" + std::to_string(t.node) + ")");
         int64_t need = static_cast<int64_t>(t.units.size()) * t.idnum_per_unit;
         if (need > *id_num)
-            fail(member_path(card.path, "card"),
+            reject(member_path(card.path, "card"),
                  ctx + " needs " + std::to_string(need) + " module ids (" +
                      std::to_string(t.units.size()) + " units x " + std::to_string(t.idnum_per_unit) +
                      "), its node type gives " + std::to_string(*id_num));
@@ -647,7 +648,7 @@ void Builder::allocate_modids()
             pos = card.dev == 1 ? card.slot - 22 : card.slot + card.dev * 8 - 30;
             break;
         default:
-            fail(member_path(card.path, "card"),
+            reject(member_path(card.path, "card"),
                  ctx + ": node type " + std::to_string(t.node) + " has no module-id position");
         }
         int64_t base = *min + static_cast<int64_t>(*per_slot) * pos;
@@ -662,14 +663,14 @@ void Builder::allocate_modids()
                 counted = n;
             }
             if (id < *min || id > *max || id > kMaxModid)
-                fail(member_path(card.path, "card"),
+                reject(member_path(card.path, "card"),
                      "module id range exhausted: " + ctx + " would take module id " +
                          std::to_string(id) + ", outside " + std::to_string(*min) + ".." +
                          std::to_string(std::min(*max, kMaxModid)) + " (" + type_key + " of " +
                          caps_.path + ")");
             auto [it, fresh] = owner.emplace(static_cast<uint32_t>(id), card.where());
             if (!fresh)
-                fail(member_path(card.path, "card"),
+                reject(member_path(card.path, "card"),
                      ctx + " would take module id " + std::to_string(id) + ", already taken by " +
                          it->second);
             card.modids.push_back(static_cast<uint32_t>(id));
@@ -697,14 +698,14 @@ std::vector<std::pair<size_t, int32_t>> Builder::match(const Pattern &p, const s
             bool has = std::any_of(t.ports.begin(), t.ports.end(),
                                    [&](const PortDef &d) { return d.lport == lport; });
             if (!has)
-                fail(path, "\"" + p.text + "\": lport " + std::to_string(lport) +
+                reject(path, "\"" + p.text + "\": lport " + std::to_string(lport) +
                                " is beyond the ports of " + t.name + " in " + card.where() + " (" +
                                std::to_string(t.ports.size()) + " panel ports from " +
                                (t.ports.empty() ? "-" : std::to_string(t.ports.front().lport)) + ")");
             out.emplace_back(c, lport);
         }
     }
-    if (out.empty()) fail(path, "\"" + p.text + "\" matches no port");
+    if (out.empty()) reject(path, "\"" + p.text + "\" matches no port");
     return out;
 }
 
@@ -712,11 +713,11 @@ void Builder::make_ports(const json &doc)
 {
     if (doc.contains("split")) {
         const json &arr = doc["split"];
-        if (!arr.is_array()) fail("split", "expected an array");
+        if (!arr.is_array()) reject("split", "expected an array");
         for (size_t i = 0; i < arr.size(); ++i) {
             std::string path = index_path("split", i);
             only_members(arr[i], path, {"port", "members"});
-            if (!arr[i].contains("port")) fail(member_path(path, "port"), "missing");
+            if (!arr[i].contains("port")) reject(member_path(path, "port"), "missing");
             Pattern p = parse_pattern(arr[i]["port"], member_path(path, "port"));
             int32_t members = int_member(arr[i], path, "members", 2, 8);
             for (const auto &key : match(p, member_path(path, "port")))
@@ -753,7 +754,7 @@ void Builder::make_ports(const json &doc)
                 r.unit = def.unit;
                 r.port = def.port + m;
                 if (r.port > 255)
-                    fail("split", "a member of " + card.where() + "/" + std::to_string(def.lport) +
+                    reject("split", "a member of " + card.where() + "/" + std::to_string(def.lport) +
                                       " would take chip port " + std::to_string(r.port) + " (at most 255)");
                 r.core = r.port * host.idnum_per_unit / 256;
                 size_t id_index = static_cast<size_t>(def.unit * host.idnum_per_unit + r.core);
@@ -784,7 +785,7 @@ void Builder::make_ports(const json &doc)
         auto [it, fresh] = chip_ports.emplace(std::make_tuple(r.dev, r.slot, r.unit, r.port), i);
         if (!fresh) {
             bool split = r.member > 1 || rows_[it->second].member > 1;
-            fail(split ? "split" : cards_[row_card_[i]].path,
+            reject(split ? "split" : cards_[row_card_[i]].path,
                  describe(i) + " takes chip port " + std::to_string(r.port) + " of unit " +
                      std::to_string(r.unit) + ", already used by " + describe(it->second));
         }
@@ -808,7 +809,7 @@ void Builder::take_ifx(uint32_t ifx, size_t row, const std::string &path)
     rows_[row].ifx = ifx;
     auto [it, fresh] = ifx_owner_.emplace(ifx, row);
     if (!fresh)
-        fail(path, "ifx collision: ifx " + std::to_string(ifx) + " of " + describe(row) +
+        reject(path, "ifx collision: ifx " + std::to_string(ifx) + " of " + describe(row) +
                        " is already taken by " + describe(it->second));
 }
 
@@ -824,7 +825,7 @@ void Builder::number_ports(const json &doc)
         if (per_slot > 0 && card.sslot == 0)
             next = base + (static_cast<int64_t>(card.dev - 1) * 32 + card.slot) * per_slot;
         for (size_t row : card.rows) {
-            if (next > UINT32_MAX) fail("ifx", "the ifx of " + describe(row) + " passes 2^32 - 1");
+            if (next > UINT32_MAX) reject("ifx", "the ifx of " + describe(row) + " passes 2^32 - 1");
             take_ifx(static_cast<uint32_t>(next++), row, per_slot > 0 ? "ifx.per_slot" : "ifx");
         }
     }
@@ -839,7 +840,7 @@ void Builder::make_sub_interfaces(const json &doc)
         next = int_member(doc["ifx"], "ifx", "sub_base", 1, kMaxSubIfx);
     if (!doc.contains("sub_interfaces")) return;
     const json &arr = doc["sub_interfaces"];
-    if (!arr.is_array()) fail("sub_interfaces", "expected an array");
+    if (!arr.is_array()) reject("sub_interfaces", "expected an array");
     size_t ports = rows_.size();
     for (size_t i = 0; i < arr.size(); ++i) {
         std::string path = index_path("sub_interfaces", i);
@@ -847,14 +848,14 @@ void Builder::make_sub_interfaces(const json &doc)
         only_members(o, path, {"kind", "ports", "evlans", "trunk", "ifx"});
         std::string kind = string_member(o, path, "kind");
         if (kind != "sub-ap" && kind != "sub-route")
-            fail(member_path(path, "kind"), "'" + kind + "' is neither \"sub-ap\" nor \"sub-route\"");
+            reject(member_path(path, "kind"), "'" + kind + "' is neither \"sub-ap\" nor \"sub-route\"");
         bool ap = kind == "sub-ap";
         uint32_t trunk = 0;
         if (ap) trunk = static_cast<uint32_t>(int_member(o, path, "trunk", 1, INT32_MAX));
         else if (o.contains("trunk"))
-            fail(member_path(path, "trunk"), "only a sub-ap has a trunk");
-        if (!o.contains("ports")) fail(member_path(path, "ports"), "missing");
-        if (!o.contains("evlans")) fail(member_path(path, "evlans"), "missing");
+            reject(member_path(path, "trunk"), "only a sub-ap has a trunk");
+        if (!o.contains("ports")) reject(member_path(path, "ports"), "missing");
+        if (!o.contains("evlans")) reject(member_path(path, "evlans"), "missing");
         Pattern p = parse_pattern(o["ports"], member_path(path, "ports"));
         std::vector<int32_t> evlans = numbers(o["evlans"], member_path(path, "evlans"), 1, 4094);
         if (o.contains("ifx")) next = int_member(o, path, "ifx", 1, kMaxSubIfx);
@@ -866,7 +867,7 @@ void Builder::make_sub_interfaces(const json &doc)
             const TruthRow host = rows_[parent];
             for (int32_t evlan : evlans) {
                 if (next > kMaxSubIfx)
-                    fail(path, "the ifx of a sub-interface passes 0xffffff (its phyid holds it in 24 bits)");
+                    reject(path, "the ifx of a sub-interface passes 0xffffff (its phyid holds it in 24 bits)");
                 TruthRow r = host;
                 r.kind = ap ? PortKind::SubAp : PortKind::SubRoute;
                 r.evlan = static_cast<uint32_t>(evlan);
@@ -895,7 +896,7 @@ size_t Builder::choose_local(const json &doc, const std::string &card_opt) const
                 cards_[c].type->node == P_DEV__DM_NODE_TYPE_E__DM_TYPE_LC)
                 return c;
         }
-        fail("local", "the first device has no line card: name the local card with \"local\" or --card");
+        reject("local", "the first device has no line card: name the local card with \"local\" or --card");
     }
     int32_t part[3] = {0, 0, 0};
     int n = 0;
@@ -911,12 +912,12 @@ size_t Builder::choose_local(const json &doc, const std::string &card_opt) const
         }
         rest = rest.substr(slash + 1);
     }
-    if (n < 2 || !rest.empty()) fail(path, "\"" + text + "\" is not DEV/SLOT or DEV/SLOT/SSLOT");
+    if (n < 2 || !rest.empty()) reject(path, "\"" + text + "\" is not DEV/SLOT or DEV/SLOT/SSLOT");
     for (size_t c = 0; c < cards_.size(); ++c) {
         if (cards_[c].dev == part[0] && cards_[c].slot == part[1] && cards_[c].sslot == part[2])
             return c;
     }
-    fail(path, "no card in " + std::to_string(part[0]) + "/" + std::to_string(part[1]) + "/" +
+    reject(path, "no card in " + std::to_string(part[0]) + "/" + std::to_string(part[1]) + "/" +
                    std::to_string(part[2]));
 }
 
@@ -1074,13 +1075,6 @@ const char *port_kind_name(PortKind kind)
 
 namespace
 {
-
-std::string hex32(uint32_t v)
-{
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "0x%08" PRIx32, v);
-    return buf;
-}
 
 } // namespace
 
