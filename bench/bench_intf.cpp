@@ -89,7 +89,6 @@ double fresh_fill_bytes_per_intf(uint32_t n)
 
 // The library's table holding n interfaces (filled once per size), and the keys in shuffled order.
 struct Table {
-
     uint32_t n = 0;
     std::vector<uint32_t> order;
     std::unordered_map<uint32_t, libpmx_intf_info_t> by_ifx, by_phyid;

@@ -3,8 +3,8 @@
 #include <cstdio>
 
 #include "check_rules.h"
-#include "u_intf.pb-c.h"
 #include "hex.h"
+#include "u_intf.pb-c.h"
 
 namespace pmx_tool
 {

@@ -10,8 +10,8 @@
 #include "db_session.h"
 #include "libpmx_mom.h"
 #include "p_dev.pb-c.h"
-#include "u_intf.pb-c.h"
 #include "record_kinds.h"
+#include "u_intf.pb-c.h"
 
 namespace pmx_tool
 {

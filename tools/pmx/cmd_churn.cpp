@@ -26,11 +26,11 @@
 
 #include "commands.h"
 #include "db_session.h"
-#include "topology.h"
-#include "u_intf.pb-c.h"
-#include "tool_errors.h"
 #include "hex.h"
 #include "record_kinds.h"
+#include "tool_errors.h"
+#include "topology.h"
+#include "u_intf.pb-c.h"
 
 namespace pmx_tool
 {

@@ -12,10 +12,10 @@
 #include <string>
 
 #include "commands.h"
-#include "progress_bar.h"
 #include "db_session.h"
-#include "topology.h"
+#include "progress_bar.h"
 #include "tool_errors.h"
+#include "topology.h"
 
 namespace pmx_tool
 {

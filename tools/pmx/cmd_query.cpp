@@ -11,6 +11,7 @@
 
 #include "commands.h"
 #include "db_session.h"
+#include "hex.h"
 #include "libpmx_cap.h"
 #include "libpmx_errno.h"
 #include "libpmx_intf.h"
@@ -84,14 +85,12 @@ Answer modid(int32_t id, int32_t port, int mode)
     if (a.rc == LIBPMX_OK) a.rc = libpmx_get_card_type_by_modid_port(id, port, &card_type, &subcard_type, mode);
     if (a.rc == LIBPMX_OK) a.rc = libpmx_get_cid_with_card_type(card_type, subcard_type, &cid, mode);
     if (a.rc != LIBPMX_OK) return a;
-    char node_text[16];
-    std::snprintf(node_text, sizeof node_text, "0x%08x", static_cast<uint32_t>(node));
     a.fields = {{"modid", id},
                 {"dev", dev},
                 {"slot", slot},
                 {"unit", unit},
                 {"gslot", libpmx_get_gslot_by_dev_slot_sslot(dev, slot, 0)},
-                {"node", node_text},
+                {"node", hex32(static_cast<uint32_t>(node))},
                 {"modid_type", type},
                 {"port", port},
                 {"card_type", card_type},

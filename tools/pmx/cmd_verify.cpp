@@ -19,15 +19,15 @@
 #include <vector>
 
 #include "commands.h"
-#include "progress_bar.h"
 #include "db_session.h"
+#include "hex.h"
 #include "libpmx_cap.h"
 #include "libpmx_errno.h"
 #include "libpmx_intf.h"
 #include "libpmx_mod.h"
+#include "progress_bar.h"
 #include "topology.h"
 #include "u_intf.pb-c.h"
-#include "hex.h"
 
 namespace pmx_tool
 {

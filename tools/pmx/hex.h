@@ -1,4 +1,4 @@
-// Hex text to bytes, for records given on the command line.
+// Hex text to bytes, for records given on the command line; ids as hex text.
 #ifndef PMX_TOOL_HEX_H
 #define PMX_TOOL_HEX_H
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "hex.h"
 #include "libpmx_errno.h"
 #include "libpmx_intf.h"
 
@@ -26,8 +27,7 @@ std::optional<uint32_t> parse_id(const std::string &text, std::string *why)
 
 nlohmann::ordered_json phyid_json(uint32_t phyid)
 {
-    char value[16];
-    std::snprintf(value, sizeof value, "0x%08" PRIx32, phyid);
+    const std::string value = hex32(phyid);
     const uint32_t type = phyid >> 24;
     nlohmann::ordered_json j = {{"value", value}, {"type", type}};
     std::string kind;
@@ -69,7 +69,7 @@ nlohmann::ordered_json phyid_json(uint32_t phyid)
         kind = "type " + std::to_string(type);
         break;
     }
-    j["text"] = std::string(value) + " (" + kind + (fields[0] != '\0' ? std::string(": ") + fields : "") + ")";
+    j["text"] = value + " (" + kind + (fields[0] != '\0' ? std::string(": ") + fields : "") + ")";
     return j;
 }
 

@@ -17,12 +17,12 @@
 #include <unordered_map>
 #include <utility>
 
+#include "hex.h"
 #include "p_dev.pb-c.h"
-#include "s_cluster.pb-c.h"
 #include "p_intf.pb-c.h"
 #include "qv_cap.h"
+#include "s_cluster.pb-c.h"
 #include "u_intf.pb-c.h"
-#include "hex.h"
 
 namespace pmx_tool
 {
